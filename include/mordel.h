@@ -1,0 +1,527 @@
+/* libmordel: what the management daemons of a small Linux router share.
+ *
+ * Valid C99 and C++11. Every function and object has C linkage.
+ *
+ * Conventions that hold for the whole header:
+ *
+ *  1. Texts are NUL-terminated and never null, unless a comment says otherwise. Texts and records
+ *     passed in are copied; the caller keeps what it passed.
+ *  2. A name given to a function is an interface name. At most 31 characters of it are stored.
+ *  3. Nothing here takes a lock: callers serialise all calls that share a list, an interface, the
+ *     rules or the schedules, readers included. The list and map functions, the conversions and
+ *     the shell helpers keep no state and may run on any thread.
+ *  4. Status codes differ between the families; each family says its own. No function reports
+ *     through errno.
+ *  5. Diagnostics are trace lines "[source: line function()]:::message", appended to
+ *     /var/tmp/tarnic.log (conversions) or /dev/console (tree, rules, schedules), one write each.
+ *     A sink that cannot be opened is skipped. "Traces" below names the message.
+ *  6. Texts that reach a script are written as they are, unquoted: whoever fills a record from
+ *     outside input checks it first.
+ */
+#ifndef MORDEL_H
+#define MORDEL_H
+
+#include <stdint.h>
+#include <stdio.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#pragma GCC visibility push(default)
+
+typedef uint8_t u8;
+typedef uint16_t u16;
+typedef uint32_t u32;
+typedef uint64_t u64;
+
+/* ---- List -----------------------------------------------------------------------------------
+ * A circular doubly linked list whose links live inside the records. A list is a head plus the
+ * nodes linked to it in a ring; an empty list is a head that points to itself both ways, and its
+ * owner makes it so before first use. Nothing here allocates, locks or checks its arguments.
+ */
+
+typedef struct list_head {
+    struct list_head *next; /* the following node, or the head */
+    struct list_head *prev; /* the preceding node, or the head */
+} list_head;
+
+/* Whether a list has no nodes.
+ * head: an initialised list head; only its next is read.
+ * Returns 1 when empty, else 0. */
+u32 list_empty(const list_head *head);
+
+/* Links a node between two neighbours.
+ * node: not on a list. prev, next: two adjacent nodes of one ring (either may be the head).
+ * To insert at the front: list_add(node, head, head->next); before n: list_add(node, n->prev, n).
+ */
+void list_add(list_head *node, list_head *prev, list_head *next);
+
+/* Links a node as the last of a list.
+ * node: not on a list. head: an initialised list head. */
+void list_add_tail(list_head *node, list_head *head);
+
+/* Takes a node out of its list.
+ * entry: on a list. Its own links are left as they were, pointing to its former neighbours. */
+void list_del(list_head *entry);
+
+/* Puts a node in another's place.
+ * old_node: on a list; its own links are left as they were. new_node: not on a list. */
+void list_replace(list_head *old_node, list_head *new_node);
+
+/* ---- Id/text maps ---------------------------------------------------------------------------
+ * Constant tables of rows, searched in array order; the first row that matches wins. The table
+ * ends with a row of id -1 whose other field is the answer for "not found", so -1 itself is never
+ * found. Lookups never fail, trace nothing and keep no state.
+ */
+
+typedef struct txt_map {
+    int32_t id;       /* -1 in the closing row */
+    const char *text; /* in the closing row: the fallback, e.g. "Unknown" */
+} txt_map;
+
+typedef struct id_map {
+    int32_t id;    /* -1 in the closing row */
+    int32_t value; /* -1 closes the table for MapByEvt */
+} id_map;
+
+/* The value of an id.
+ * map: closed by id -1. Returns the row's value, or the closing row's when there is none. */
+int MapById(const id_map *map, int key);
+
+/* The id of a value.
+ * map: closed, for this lookup, by its first row of value -1.
+ * Returns the row's id, or that closing row's id when there is none. */
+int MapByEvt(const id_map *map, int key);
+
+/* The text of an id.
+ * Returns a pointer into the table, which the caller neither frees nor changes; the closing row's
+ * text when there is none. */
+const char *TxtMapById(const txt_map *map, int id);
+
+/* The id of the first row whose text the key begins with (case counts).
+ * Returns -1 when there is none. A row with an empty text matches any key. */
+int TxtMapByTxt(const txt_map *map, const char *text);
+
+/* The id of the first row whose text equals the key, A to Z ignoring case.
+ * Returns -1 when there is none. */
+int TxtMapByTxtNoCase(const txt_map *map, const char *text);
+
+/* The id of the first row whose text occurs anywhere in the key (case counts).
+ * Returns -1 when there is none. */
+int TxtMapByTxtStr(const txt_map *map, const char *text);
+
+/* Compares two texts, ignoring the case of A to Z alone, whatever the locale.
+ * a, b: either may be null; null sorts before any text and equals null.
+ * Returns negative, 0 or positive: the difference of the first bytes that differ, as unsigned
+ * folded bytes; -1 or 1 when one is null. */
+int strCmpNoCase(const char *a, const char *b);
+
+/* ---- Conversions and shell helpers ----------------------------------------------------------
+ * Traces go to /var/tmp/tarnic.log.
+ */
+
+/* Writes an IPv4 address as dotted text.
+ * ip: numeric, the first octet in the most significant byte, on every host.
+ * buf, size: at least 17 bytes; all size bytes are written, zero-filled behind the text.
+ * Returns 0; 1 when size is below 17 (buf untouched). Traces "buffer size too small!!". */
+int ip2string(u32 ip, char *buf, int size);
+
+/* Reads an IPv4 address from text.
+ * text: any form that inet_addr takes, such as "192.168.1.1" or "10.1".
+ * ip: receives the address in network byte order in memory, on every host. On a big-endian host
+ *     that is the value that ip2string prints; elsewhere convert with ntohl first.
+ * Returns 0; 1 when the text is no address (0xFFFFFFFF is stored). */
+int string2ip(const char *text, u32 *ip);
+
+/* Converts a signal level to a quality figure.
+ * dbm: in dBm. Returns 1 (-91 and below) to 100 (-36 and above). */
+int dbm2Rssi(int dbm);
+
+/* Runs a shell command and waits for it.
+ * format: printf-style; the formatted command must be shorter than 512 characters, else it is not
+ *         run. It reaches the shell as it is.
+ * Returns the length of the formatted command (never its exit status). */
+int _system(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+/* Starts a shell command and opens its standard output for reading.
+ * format: as for _system.
+ * Returns a stream that the caller closes with _system_close; null when the command is 512
+ * characters or longer, or could not be started. */
+FILE *_system_read(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+/* Closes a stream of _system_read and waits for its command.
+ * stream: may be null. Returns the command's wait status, -1 on failure; 0 for null. */
+int _system_close(FILE *stream);
+
+/* ---- QoS tree -------------------------------------------------------------------------------
+ * Per interface, a model of its traffic-control tree: a root qdisc, classes below it, one leaf
+ * qdisc in every class. Nothing here talks to the kernel; start_qos and stop_qos write shell
+ * scripts that do, and running them is the caller's business.
+ *
+ *  1. A class is named by its 16-bit handle h: tc class 1:h. Handles are taken modulo 65536.
+ *     tc itself takes leaf classes up to 0xfff.
+ *  2. A leaf class (one without children) receives the packets whose firewall mark is its handle.
+ *  3. Rates are kbit/s, bursts bytes, unless a field says otherwise.
+ *  4. The library owns every record on qos_root until the delete functions free it. Callers may
+ *     read them, and may change parameters but neither links nor types.
+ *  5. Traces go to /dev/console. Every lookup of an unknown interface traces "NAME not found!!",
+ *     so a successful add_root_qdisc does too.
+ */
+
+/* Root qdisc types */
+enum {
+    R_pfifo_fast = 0, /* no shaping; only the transmit queue length is set */
+    R_HTB = 1,
+    R_HFSC = 2,
+    R_PRIO = 3 /* one class per band, made by add_root_qdisc alone */
+};
+
+/* Class types */
+enum { C_HTB = 0, C_HFSC = 1, C_PRIO = 2 };
+
+/* Leaf qdisc types */
+enum { L_pfifo = 0, L_SFQ = 1, L_RED = 2, L_TBF = 3 };
+
+/* Marks for connections marked 100, 200, ... 800 (see renew_qos_rule) */
+typedef struct automark_value {
+    u8 enable;   /* non-zero: in use */
+    u8 reserved; /* not read */
+    u16 mark[8]; /* packet mark for connection mark (i + 1) * 100 */
+} automark_value;
+
+typedef struct pfifo_fast_root_param {
+    u32 queue_len; /* txqueuelen, packets */
+} pfifo_fast_root_param;
+
+typedef struct class_root_param { /* R_HTB and R_HFSC */
+    u16 default_class;            /* handle for unmarked packets; not checked to exist */
+    automark_value automark;
+} class_root_param;
+
+typedef struct prio_root_param {
+    u8 bands;       /* 0..255; the kernel takes 2..16 */
+    u8 priomap[16]; /* band, from 0, of each packet priority 0..15 */
+    automark_value automark;
+} prio_root_param;
+
+typedef union qos_root_param {
+    pfifo_fast_root_param pfifo_fast;
+    class_root_param classful;
+    prio_root_param prio;
+} qos_root_param;
+
+/* One interface */
+typedef struct qos_if {
+    u32 link_tx;          /* kbit/s; the default user class is held to it */
+    u32 link_rx;          /* kbit/s; stored and reported only */
+    u32 phy_tx;           /* kbit/s; the rate of the default root class */
+    u32 phy_rx;           /* kbit/s; stored and reported only */
+    char ifname[32];      /* the key, at most 31 characters */
+    u32 root_type;        /* R_...; never changes */
+    list_head node;       /* on qos_root */
+    list_head classes;    /* top-level qos_class records, by node */
+    list_head rules;      /* qos_rule records, by node, in ascending index */
+    qos_root_param param; /* the member of root_type */
+} qos_if;
+
+typedef struct htb_class_param {
+    u32 rate;   /* kbit/s */
+    u32 ceil;   /* kbit/s */
+    u32 burst;  /* bytes; 0: left to tc */
+    u32 cburst; /* bytes; 0: left to tc */
+    u32 prio;   /* lower is served first */
+} htb_class_param;
+
+typedef struct hfsc_curve {
+    u32 umax; /* bytes; 0: left out */
+    u32 dmax; /* ms; 0: left out */
+    u32 rate; /* kbit/s */
+} hfsc_curve;
+
+/* At most two curves are rendered: ul, and the first of sc, ls, rt (leaf classes only) that has a
+ * rate. */
+typedef struct hfsc_class_param {
+    hfsc_curve ul; /* upper limit; always rendered, and tc wants a rate above 0 */
+    hfsc_curve sc; /* service curve */
+    hfsc_curve ls; /* link sharing */
+    hfsc_curve rt; /* real time */
+} hfsc_class_param;
+
+typedef union qos_class_param {
+    htb_class_param htb;
+    hfsc_class_param hfsc;
+} qos_class_param;
+
+typedef struct pfifo_leaf_param {
+    u32 limit; /* packets; 0: the kernel's own */
+} pfifo_leaf_param;
+
+typedef struct sfq_leaf_param {
+    u8 perturb; /* seconds; 0: never */
+} sfq_leaf_param;
+
+typedef struct red_leaf_param {
+    u32 min;   /* bytes */
+    u32 max;   /* bytes */
+    u32 burst; /* packets */
+    u32 limit; /* bytes */
+    u32 avpkt; /* bytes */
+} red_leaf_param;
+
+typedef struct tbf_leaf_param {
+    u32 latency; /* ms */
+    u32 rate;    /* kbit/s */
+    u32 burst;   /* bytes */
+} tbf_leaf_param;
+
+/* All zero: L_pfifo without a limit, which every class starts with */
+typedef struct leaf_qdisc {
+    u32 type; /* L_... */
+    union {
+        pfifo_leaf_param pfifo;
+        sfq_leaf_param sfq;
+        red_leaf_param red;
+        tbf_leaf_param tbf;
+    } param; /* the member of type */
+} leaf_qdisc;
+
+typedef struct qos_class {
+    u32 type;              /* C_... */
+    char name[32];         /* "Class1"... for PRIO bands, else empty */
+    u16 handle;            /* tc class 1:handle, and the mark of its packets */
+    list_head node;        /* on its parent's children, or the interface's classes */
+    list_head children;    /* qos_class records, by node */
+    qos_class_param param; /* the member of type; all zero for C_PRIO */
+    leaf_qdisc leaf;       /* kept, but not rendered, while the class has children */
+} qos_class;
+
+/* The interfaces (qos_if records, by node). */
+extern list_head qos_root;
+
+/* Declares an interface and builds its default tree.
+ * speeds: four values, kbit/s: link_tx, link_rx, phy_tx, phy_rx.
+ * root_type: R_...
+ * root_param: the record of that type (pfifo_fast_root_param, class_root_param, prio_root_param).
+ * HTB and HFSC start with class 1 at phy_tx, and below it class 2 at phy_tx with an SFQ leaf and
+ * class 3 at link_tx; PRIO starts with one class per band, 1..bands.
+ * Returns 0; 2 when the interface exists; 3 when out of memory or root_type is unknown.
+ * Traces "Internel error occur at not define root qdisc type" for an unknown type. */
+int add_root_qdisc(const u32 *speeds, const char *ifname, u32 root_type, const void *root_param);
+
+/* Forgets an interface: frees it with its classes and the rules still on it.
+ * Returns 0; 1 when there is no such interface. */
+int del_root_qdisc(const char *ifname);
+
+/* Adds a class as the last child of another.
+ * parent: its parent's handle; 0 adds at top level.
+ * handle: the new handle; unique unless added at top level, where it is not tested.
+ * class_param: htb_class_param or hfsc_class_param, by the interface's root type.
+ * class_name: accepted, not stored; may be null.
+ * Returns 0; 1 when interface or parent is unknown; 2 when the handle exists below a given
+ * parent's interface; 3 when out of memory; 4 when the root type takes no classes
+ * (pfifo_fast, PRIO). */
+int add_class(const char *ifname, u32 parent, u32 handle, const void *class_param,
+              const char *class_name);
+
+/* Frees a class with all its descendants. Rules that set its mark stay.
+ * Returns 0; 1 when interface or class is unknown. */
+int del_class(const char *ifname, u32 handle);
+
+/* Sets the leaf qdisc of a class.
+ * leaf: copied whole; its type is not tested here.
+ * Returns 0; 1 when interface or class is unknown; 4 when the class has children. */
+int add_leaf_qdisc(const char *ifname, u32 handle, const leaf_qdisc *leaf);
+
+/* Puts the leaf qdisc of a class back to L_pfifo without a limit.
+ * Returns 0; 1 when interface or class is unknown, or the class has children. */
+int del_leaf_qdisc(const char *ifname, u32 handle);
+
+/* Whether rules may set this mark.
+ * key: a class handle. Returns 1 when that class exists and has no children, else 0. */
+int check_Key(const char *ifname, u32 key);
+
+/* Writes /var/tmp/qos_start: the tc commands that build the tree, then the rules' commands.
+ * The script is rewritten whole, mode 0700. It is refused, and left as it was, where it is a
+ * symbolic link, no regular file, another user's or has another hard link.
+ * Returns 1; 0 when the interface is unknown or the script cannot be opened. Write errors are not
+ * reported. Traces "An error occur at not define leaf qdisc type" for an unknown leaf type, whose
+ * script line stays open. */
+int start_qos(const char *ifname);
+
+/* Writes /var/tmp/qos_stop: the commands that take tree and rules away. As start_qos. */
+int stop_qos(const char *ifname);
+
+/* Writes both scripts: stop_qos, then start_qos.
+ * Returns 0 as soon as one of them does, else 1. */
+int restart_qos(const char *ifname);
+
+/* restart_qos for every interface in turn. The script paths are fixed, so the scripts of the last
+ * interface are those left on disk. The result has no meaning.
+ * Traces "Start NAME's Qos!!" for each, or "Qos list empty!!". */
+int restart_qos_all(void);
+
+/* ---- Classification rules -------------------------------------------------------------------
+ * Each interface owns a list of rules, ordered by index; each says which packets to pick (match)
+ * and what to do with them (target). They are rendered as commands of iptables' mangle table, in
+ * the chains QOS_NAME and QOS_NAME_AUTO. Schedules limit rules to times of the week.
+ *
+ *  1. Functions of this family return 1 for success and 0 for failure.
+ *  2. Addresses in records are numeric, the first octet in the most significant byte; ports, marks
+ *     and ids are plain numbers. Nothing here is in network byte order.
+ *  3. Value ranges are not tested: callers fill the records correctly.
+ *  4. Char arrays are read to their NUL, or to their end where it is missing.
+ *  5. Traces go to /dev/console. An unknown interface gives "NAME not found!!" first, then the
+ *     function's own message if it has one.
+ */
+
+/* Which packets */
+typedef struct qos_match {
+    u32 flags;        /* bit n: kind n is in force: 0 802.1p, 1 802.1Q, 2 MAC, 3 IP, 4 DSCP, 5 TOS,
+                         6 ALG, 7 packet length, 8 protocol, 9 domain, 10 URL */
+    u8 dot1p_prio;    /* 802.1p priority */
+    u16 vlan_id;      /* 802.1Q VLAN id */
+    char src_mac[20]; /* source MAC address, text as iptables takes it */
+    u32 src_ip_start; /* source range, first octet most significant; 0: unset */
+    u32 src_ip_end;   /* a range counts only with both ends set */
+    u32 dst_ip_start; /* destination range, likewise */
+    u32 dst_ip_end;
+    u32 dscp_mode; /* 0: dscp_value.raw; 1: dscp_value.class_id; else no DSCP match */
+    union {
+        u8 raw;       /* DSCP number, 0..63 */
+        u32 class_id; /* 0..7 CS0..CS7, 8 BE, 9..20 AF11..AF43, 21 EF */
+    } dscp_value;
+    u32 tos;         /* 16 Minimize-Delay, 8 Maximize-Throughput, 4 Maximize-Reliability,
+                        2 Minimize-Cost, 0 Normal-Service */
+    u8 precedence;   /* IP precedence, with tos */
+    u32 protocol;    /* 0 TCP, 1 UDP, 2 ICMP, 3 TCP and UDP, 4 all */
+    u16 sport_start; /* port ranges: used only with both ends non-zero */
+    u16 sport_end;
+    u16 dport_start;
+    u16 dport_end;
+    u8 tcp_flag_mask; /* TCP flags to examine: bit 0 SYN, 1 ACK, 2 FIN, 3 RST, 4 URG, 5 PSH */
+    u8 tcp_flag_comp; /* of those, the flags that must be set; both non-zero or unused */
+    u32 pkt_len;      /* packet length, bytes: minimum << 16 | maximum */
+    u32 alg;          /* 0 sip, 1 Q.931, 2 ftp */
+    char url[256];
+    char domain[256];
+    u8 sched_index; /* a schedule's index; 0: always */
+} qos_match;
+
+/* What to do with them. TOS and DSCP share kind and value on purpose: a target that sets both
+ * uses the same two for both. */
+typedef struct qos_target {
+    u32 flags; /* bit 0 MARK, 1 TOS, 2 DSCP, 3 MKVLAN, 4 LOG */
+    u16 mark;  /* for MARK: the handle of a leaf class */
+    u32 kind;  /* TOS: the id as in qos_match.tos; DSCP: 0 raw, 1 class */
+    union {
+        u8 raw;       /* TOS: the precedence; DSCP kind 0: the number */
+        u32 class_id; /* DSCP kind 1: as in qos_match.dscp_value */
+    } value;
+    u8 vlan_prio;   /* MKVLAN: priority of the tag to add */
+    u16 vlan_id;    /* MKVLAN: its VLAN id */
+    u8 vlan_double; /* MKVLAN: non-zero adds a second tag */
+    u8 reserved;    /* not read */
+    u8 log;         /* non-zero: logging wished for; reported, no command */
+} qos_target;
+
+typedef struct qos_rule {
+    list_head node; /* on its interface's rules */
+    u8 index;       /* 0..255, unique within the interface */
+    qos_match match;
+    qos_target target;
+} qos_rule;
+
+/* A schedule, as the caller gives it */
+typedef struct qos_sched {
+    u8 index;      /* 1..255 */
+    u8 days;       /* bit 0 Sunday ... bit 6 Saturday; none: every day */
+    u8 all_day;    /* 1: the whole day; else the times below */
+    u8 start_hour; /* 0..23 */
+    u8 stop_hour;  /* 0..23 */
+    u8 start_min;  /* 0..59 */
+    u8 stop_min;   /* 0..59 */
+} qos_sched;
+
+/* A schedule, as the library keeps it */
+typedef struct qos_sched_node {
+    list_head node; /* on sched_root */
+    qos_sched sched;
+} qos_sched_node;
+
+/* The schedules of all interfaces (qos_sched_node records, by node). */
+extern list_head sched_root;
+
+/* The head of an interface's rule list, owned by the library; null when the interface is unknown.
+ */
+list_head *find_rule_list_by_name(const char *ifname);
+
+/* Adds a rule, kept in ascending order of index.
+ * index: 0..255. match, target: copied whole. A target with MARK names an existing leaf class.
+ * Returns 1; 0 when refused, and then nothing changed. Traces "QoS tree not found!!",
+ * "Index already exist!!", "Mark key not found!!" or "Memory allocate fail!!". */
+int add_qos_rule(const char *ifname, u8 index, const qos_match *match, const qos_target *target);
+
+/* Replaces a rule: del_qos_rule, then add_qos_rule.
+ * Returns 1; 0 when there was no such rule, or the new one was refused; the old one is then gone.
+ * Traces what those two trace. */
+int modify_qos_rule(const char *ifname, u8 index, const qos_match *match, const qos_target *target);
+
+/* Frees a rule.
+ * Returns 1; 0 when interface or rule is unknown. Traces "QoS tree not found!!". */
+int del_qos_rule(const char *ifname, u8 index);
+
+/* Copies out an interface's automark value.
+ * out: filled unless the interface is unknown or its root is pfifo_fast, which has none.
+ * Returns 1 when it was filled and its enable byte is non-zero, else 0. */
+int get_automark_value(const char *ifname, automark_value *out);
+
+/* Adds a schedule behind the others.
+ * sched: only index, days, all_day and start_hour are taken over; the other three are stored as
+ *        0. An index that exists is added again, and found only once the older one is deleted.
+ * Returns 1; 0 when the index is 0 or memory is short. */
+int add_sched(const qos_sched *sched);
+
+/* Frees the oldest schedule of this index. Rules that name it stay.
+ * Returns 1; 0 when there is none. */
+int del_sched(u8 index);
+
+/* Frees every schedule. Returns non-zero. */
+int del_all_sched(void);
+
+/* The oldest schedule of this index, owned by the library; null when there is none. */
+qos_sched_node *search_sched(u8 index);
+
+/* Writes a schedule as the text of an iptables time match.
+ * size: a length; the text is copied, terminator included, when its length is at most size, so
+ *       buf holds size + 1 bytes. 96 hold any schedule.
+ * Returns 1; 0 when there is no such schedule or the text is longer than size.
+ * Traces "schedule index not found!!" for both. */
+int get_sched_str(u8 index, char *buf, u32 size);
+
+/* Writes the commands that build an interface's chains: create and link them, one line or more per
+ * rule, and where automark is enabled the eight lines that map connection marks 100..800.
+ * out: open for writing; stays the caller's. ifname: written as given. rules: a list of qos_rule.
+ * Returns 0 always. Traces, per rule: "get QF_PROTOCOL match type" when it matches a protocol,
+ * "LOG target not implement!!" for that target, and for a schedule that is missing
+ * "schedule index not found!!" and "match buffer is too small or index not found, ...". */
+int renew_qos_rule(FILE *out, const char *ifname, list_head *rules);
+
+/* Writes the commands that unlink, flush and delete an interface's chains.
+ * out: open for writing; stays the caller's. The result has no meaning. */
+int remove_qos_rule(FILE *out, const char *ifname);
+
+/* Writes /var/tmp/qos_rule_NAME with the text of renew_qos_rule, mode 0700, and runs it at once
+ * through the shell, waiting for it. The file is refused as for start_qos.
+ * Returns 1, whatever the script's exit status; 0 when the interface is unknown or the file cannot
+ * be opened. Traces "QoS struct not fuond!!" or "Can't open tmp file!!", and what
+ * renew_qos_rule traces. */
+int restart_rule(const char *ifname);
+
+#pragma GCC visibility pop
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,52 @@
+// Owners that make an early return the natural line.
+#pragma once
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <utility>
+
+namespace mordel {
+
+class fd_guard {
+public:
+    explicit fd_guard(int fd) : fd_(fd) {}
+    fd_guard(const fd_guard &) = delete;
+    fd_guard &operator=(const fd_guard &) = delete;
+    ~fd_guard()
+    {
+        if (fd_ < 0) return;
+        const int error = errno;
+        ::close(fd_);
+        errno = error;
+    }
+    explicit operator bool() const { return fd_ >= 0; }
+    int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
+
+private:
+    int fd_;
+};
+
+struct stream_closer {
+    void operator()(FILE *stream) const { ::fclose(stream); }
+};
+using stream_guard = std::unique_ptr<FILE, stream_closer>;
+
+struct heap_freer {
+    void operator()(void *block) const { ::free(block); }
+};
+template <typename Record>
+using heap_guard = std::unique_ptr<Record, heap_freer>;
+
+// A zero-filled record, or null.
+template <typename Record>
+heap_guard<Record> allocate()
+{
+    return heap_guard<Record>(static_cast<Record *>(::calloc(1, sizeof(Record))));
+}
+
+}  // namespace mordel

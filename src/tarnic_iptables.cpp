@@ -1,0 +1,590 @@
+// Classification rules, schedules, and the iptables text rendered from them. The rules hang on
+// their interface's record, the schedules on sched_root; no lock, callers serialise.
+
+#include "tarnic_iptables.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstring>
+#include <iterator>
+
+#include "guards.h"
+#include "script_file.h"
+#include "tarnic_qos.h"
+
+#define TRACE_STEM "tarnic_iptables"
+#include "trace.h"
+
+constinit list_head sched_root = {&sched_root, &sched_root};
+
+namespace mordel {
+
+// ---- Names --------------------------------------------------------------------------------------
+
+constexpr txt_map WeekStrMap[] = {
+    {0, "Sun"}, {1, "Mon"}, {2, "Tue"}, {3, "Wed"},
+    {4, "Thu"}, {5, "Fri"}, {6, "Sat"}, {-1, "Unknown"},
+};
+
+constexpr txt_map DscpClassStrMap[] = {
+    {0, "CS0"},   {1, "CS1"},   {2, "CS2"},   {3, "CS3"},   {4, "CS4"},      {5, "CS5"},
+    {6, "CS6"},   {7, "CS7"},   {8, "BE"},    {9, "AF11"},  {10, "AF12"},    {11, "AF13"},
+    {12, "AF21"}, {13, "AF22"}, {14, "AF23"}, {15, "AF31"}, {16, "AF32"},    {17, "AF33"},
+    {18, "AF41"}, {19, "AF42"}, {20, "AF43"}, {21, "EF"},   {-1, "Unknown"},
+};
+
+constexpr txt_map TosStrMap[] = {
+    {16, "Minimize-Delay"}, {8, "Maximize-Throughput"}, {4, "Maximize-Reliability"},
+    {2, "Minimize-Cost"},   {0, "Normal-Service"},      {-1, "Unknown"},
+};
+
+constexpr txt_map AlgStrMap[] = {
+    {0, "sip"},
+    {1, "Q.931"},
+    {2, "ftp"},
+    {-1, "Unknown"},
+};
+
+constexpr txt_map TcpFlagStrMap[] = {
+    {0, "SYN"}, {1, "ACK"}, {2, "FIN"}, {3, "RST"}, {4, "URG"}, {5, "PSH"}, {-1, "Unknown"},
+};
+
+constexpr txt_map RuleActStrMap[] = {
+    {0, "-A"},
+    {1, "-D"},
+    {-1, "Unknown"},
+};
+
+// The second row of id 1 is found by its text alone, and stays where it is.
+constexpr txt_map QfStrMap[] = {
+    {QF_802_1P, "QF_802_1P"}, {QF_802_1Q, "QF_802_1Q"}, {QF_MAC, "QF_MAC"},
+    {QF_IP, "QF_IP"},         {QF_DSCP, "QF_DSCP"},     {QF_TOS, "QF_TOS"},
+    {QF_ALG, "QF_ALG"},       {QF_PKTLEN, "QF_PKTLEN"}, {QF_PROTOCOL, "QF_PROTOCOL"},
+    {QF_DOMAIN, "QF_DOMAIN"}, {1, "ALG_H323"},          {QF_URL, "QF_URL"},
+    {-1, "Unknown"},
+};
+
+namespace {
+
+constexpr u32 days_of_week = 7;
+constexpr u32 tcp_flags = 6;
+
+// The one place where an unsigned id meets the signed ids of the maps.
+const char *name_of(const txt_map *map, u32 id) { return TxtMapById(map, static_cast<int>(id)); }
+
+constexpr bool has(u32 flags, u32 bit) { return (flags >> bit & 1) != 0; }
+
+// A text that grows by formatted pieces in a buffer of its owner's, and never past it.
+class text_writer {
+public:
+    text_writer(char *buf, size_t size) : buf_(buf), size_(size) { ::memset(buf, 0, size); }
+
+    __attribute__((format(printf, 2, 3))) void add(const char *format, ...)
+    {
+        va_list args;
+        va_start(args, format);
+        const int length = ::vsnprintf(end(), room(), format, args);
+        va_end(args);
+        if (length > 0) length_ = std::min(length_ + static_cast<size_t>(length), size_ - 1);
+    }
+
+    // The name of every bit that is set, each followed by a comma.
+    void add_names(const txt_map *map, u32 bits)
+    {
+        for (u32 bit = 0; bits >> bit != 0; ++bit)
+            if (has(bits, bit)) add("%s,", name_of(map, bit));
+    }
+
+    // Takes in what somebody wrote at end().
+    void grown() { length_ += ::strlen(end()); }
+
+    char *end() { return buf_ + length_; }
+    size_t length() const { return length_; }
+
+private:
+    size_t room() const { return size_ - length_; }
+
+    char *buf_;
+    size_t size_;
+    size_t length_ = 0;
+};
+
+}  // namespace
+}  // namespace mordel
+
+using namespace mordel;
+
+// ---- Rules --------------------------------------------------------------------------------------
+
+list_head *find_rule_list_by_name(const char *ifname)
+{
+    qos_if *rec = root_qdisc_find_by_name(ifname);
+    return rec == nullptr ? nullptr : &rec->rules;
+}
+
+int add_qos_rule(const char *ifname, u8 index, const qos_match *match, const qos_target *target)
+{
+    list_head *rules = find_rule_list_by_name(ifname);
+    if (rules == nullptr) {
+        TRACE_CONSOLE("QoS tree not found!!\n");
+        return 0;
+    }
+    list_head *behind = rules;  // what the new rule is linked in front of
+    for (qos_rule &rule : each<&qos_rule::node>(*rules)) {
+        if (rule.index == index) {
+            TRACE_CONSOLE("Index already exist!!\n");
+            return 0;
+        }
+        if (index < rule.index) {
+            behind = &rule.node;
+            break;
+        }
+    }
+    if (has(target->flags, target_mark) && check_Key(ifname, target->mark) == 0) {
+        TRACE_CONSOLE("Mark key not found!!\n");
+        return 0;
+    }
+    qos_rule *fresh = allocate<qos_rule>().release();
+    if (fresh == nullptr) {
+        TRACE_CONSOLE("Memory allocate fail!!\n");
+        return 0;
+    }
+    fresh->index = index;
+    fresh->match = *match;
+    fresh->target = *target;
+    list_add(&fresh->node, behind->prev, behind);
+    return 1;
+}
+
+// Not atomic: a refused replacement leaves the rule deleted, as daemons expect.
+int modify_qos_rule(const char *ifname, u8 index, const qos_match *match, const qos_target *target)
+{
+    return del_qos_rule(ifname, index) == 0 ? 0 : add_qos_rule(ifname, index, match, target);
+}
+
+int del_qos_rule(const char *ifname, u8 index)
+{
+    const list_head *rules = find_rule_list_by_name(ifname);
+    if (rules == nullptr) {
+        TRACE_CONSOLE("QoS tree not found!!\n");
+        return 0;
+    }
+    for (qos_rule &rule : each<&qos_rule::node>(*rules)) {
+        if (rule.index != index) continue;
+        list_del(&rule.node);
+        ::free(&rule);
+        return 1;
+    }
+    return 0;
+}
+
+int get_automark_value(const char *ifname, automark_value *out)
+{
+    const qos_if *rec = root_qdisc_find_by_name(ifname);
+    if (rec == nullptr) return 0;
+    const automark_value *from = nullptr;
+    if (rec->root_type == R_HTB || rec->root_type == R_HFSC) from = &rec->param.classful.automark;
+    if (rec->root_type == R_PRIO) from = &rec->param.prio.automark;
+    if (from == nullptr) return 0;
+    ::memcpy(out, from, sizeof *out);
+    return out->enable != 0;
+}
+
+// ---- Schedules ----------------------------------------------------------------------------------
+
+int add_sched(const qos_sched *sched)
+{
+    if (sched->index == 0) return 0;
+    qos_sched_node *fresh = allocate<qos_sched_node>().release();
+    if (fresh == nullptr) return 0;
+    // Four fields and no more: stop_hour, start_min and stop_min stay 0, as they always have.
+    fresh->sched.index = sched->index;
+    fresh->sched.days = sched->days;
+    fresh->sched.all_day = sched->all_day;
+    fresh->sched.start_hour = sched->start_hour;
+    list_add_tail(&fresh->node, &sched_root);
+    return 1;
+}
+
+int del_sched(u8 index)
+{
+    qos_sched_node *old = search_sched(index);
+    if (old == nullptr) return 0;
+    list_del(&old->node);
+    ::free(old);
+    return 1;
+}
+
+int del_all_sched(void)
+{
+    for (qos_sched_node &old : each<&qos_sched_node::node>(sched_root)) {
+        list_del(&old.node);
+        ::free(&old);
+    }
+    return static_cast<int>(list_empty(&sched_root));
+}
+
+qos_sched_node *search_sched(u8 index)
+{
+    if (index == 0) return nullptr;
+    for (qos_sched_node &node : each<&qos_sched_node::node>(sched_root))
+        if (node.sched.index == index) return &node;
+    return nullptr;
+}
+
+namespace {
+
+constexpr u32 sched_text_size = 128;  // the longest schedule takes 82
+
+void render_sched(text_writer &text, const qos_sched &s)
+{
+    text.add("-m time ");
+    if (s.all_day == 1)
+        text.add("--timestart 00:00 --timestop 23:59 ");
+    else
+        text.add("--timestart %d:%02d --timestop %d:%02d ", s.start_hour, s.start_min, s.stop_hour,
+                 s.stop_min);
+    const u32 days = s.days & ((1U << days_of_week) - 1);
+    if (days == 0) return;
+    text.add("--days ");
+    text.add_names(WeekStrMap, days);
+    text.end()[-1] = ' ';  // in place of the last comma
+}
+
+}  // namespace
+
+int get_sched_str(u8 index, char *buf, u32 size)
+{
+    char work[sched_text_size];
+    text_writer text(work, sizeof work);
+    const qos_sched_node *node = search_sched(index);
+    if (node != nullptr) {
+        render_sched(text, node->sched);
+        // A size is a length here: the terminator may land one byte behind it.
+        if (size >= text.length()) {
+            ::memcpy(buf, work, text.length() + 1);
+            return 1;
+        }
+    }
+    TRACE_CONSOLE("schedule index not found!!\n");
+    return 0;
+}
+
+// ---- Rendering ----------------------------------------------------------------------------------
+
+namespace mordel {
+namespace {
+
+void add_ports(text_writer &text, const qos_match &m)
+{
+    if (m.sport_start != 0 && m.sport_end != 0)
+        text.add("--sport %u:%u ", m.sport_start, m.sport_end);
+    if (m.dport_start != 0 && m.dport_end != 0)
+        text.add("--dport %u:%u ", m.dport_start, m.dport_end);
+}
+
+void add_tcp_flags(text_writer &text, const qos_match &m)
+{
+    if (m.tcp_flag_mask == 0 || m.tcp_flag_comp == 0) return;
+    char mask[flag_text_size];
+    char comp[flag_text_size];
+    get_tcp_flag_str(mask, m.tcp_flag_mask);
+    get_tcp_flag_str(comp, m.tcp_flag_comp);
+    text.add("--tcp-flag %s %s ", mask, comp);
+}
+
+// A range with both ends set.
+void add_ip_range(text_writer &text, const char *option, u32 start, u32 end)
+{
+    char from[17];
+    char to[17];
+    (void)ip2string(start, from, sizeof from);
+    (void)ip2string(end, to, sizeof to);
+    text.add("%s %s-%s ", option, from, to);
+}
+
+void add_ip_ranges(text_writer &text, const qos_match &m)
+{
+    const bool src = m.src_ip_start != 0 && m.src_ip_end != 0;
+    const bool dst = m.dst_ip_start != 0 && m.dst_ip_end != 0;
+    if (src || dst) text.add("-m iprange ");
+    if (src) add_ip_range(text, "--src-range", m.src_ip_start, m.src_ip_end);
+    if (dst) add_ip_range(text, "--dst-range", m.dst_ip_start, m.dst_ip_end);
+}
+
+// One kind of match. Char arrays are read no further than they go.
+void add_match(text_writer &text, const qos_match &m, u32 kind)
+{
+    switch (kind) {
+    case QF_MAC:
+        text.add("-m mac --mac-source %.20s ", m.src_mac);
+        break;
+    case QF_IP:
+        add_ip_ranges(text, m);
+        break;
+    case QF_DSCP:
+        if (m.dscp_mode == 0) text.add("-m dscp --dscp 0x%x ", m.dscp_value.raw);
+        if (m.dscp_mode == 1)
+            text.add("-m dscp --dscp-class %s ", name_of(DscpClassStrMap, m.dscp_value.class_id));
+        break;
+    case QF_TOS:
+        text.add("-m tos --tos %s --precedence %d ", name_of(TosStrMap, m.tos), m.precedence);
+        break;
+    case QF_ALG:
+        text.add("-m helper --helper %s ", name_of(AlgStrMap, m.alg));
+        break;
+    case QF_PKTLEN:
+        text.add("-m length --length %u:%u ", m.pkt_len >> 16, m.pkt_len & 0xffff);
+        break;
+    case QF_DOMAIN:
+        text.add("-m domain --name \"%.256s\" ", m.domain);
+        break;
+    case QF_URL:
+        text.add("-m urlfilter --url %.256s ", m.url);
+        break;
+    default:
+        break;  // the tag bits: add_vlan; the protocol: a text of its own
+    }
+}
+
+// Each bit selects the other's option, and deployed rules are written for that.
+void add_vlan(text_writer &text, const qos_match &m)
+{
+    const bool prio = has(m.flags, QF_802_1P);
+    const bool tag = has(m.flags, QF_802_1Q);
+    if (prio || tag) text.add("-m VLAN ");
+    if (prio) text.add("--vlan-id %d ", m.vlan_id);
+    if (tag) text.add("--vlan-prio %d ", m.dot1p_prio);
+}
+
+// The protocol texts of a rule; the second is that of UDP in a rule for both.
+struct protocol_texts {
+    char first[128];  // the longest takes 108
+    char second[128];
+    bool both;
+};
+
+constexpr const char *protocol_names[] = {"tcp", "udp", "icmp", "tcp", "all"};
+static_assert(std::size(protocol_names) == protocols);
+
+// False for an unknown protocol.
+bool render_protocol(protocol_texts *texts, const qos_match &m)
+{
+    text_writer first(texts->first, sizeof texts->first);
+    text_writer second(texts->second, sizeof texts->second);
+    texts->both = false;
+    if (!has(m.flags, QF_PROTOCOL)) return true;
+    if (m.protocol >= protocols) return false;
+    first.add("-p %s ", protocol_names[m.protocol]);
+    if (m.protocol == proto_icmp || m.protocol == proto_all) return true;
+    add_ports(first, m);
+    if (m.protocol == proto_udp) return true;
+    add_tcp_flags(first, m);
+    if (m.protocol == proto_tcp) return true;
+    second.add("-p udp ");
+    add_ports(second, m);
+    texts->both = true;
+    return true;
+}
+
+}  // namespace
+
+// The last comma stays: iptables takes it.
+void get_tcp_flag_str(char *text, u8 flags)
+{
+    text_writer(text, flag_text_size).add_names(TcpFlagStrMap, flags & ((1U << tcp_flags) - 1));
+}
+
+// Callers hand over a whole rule text, so what is cleared and written goes by that, not by a size.
+u32 draw_target(u32 kind, char *text, u32 /* size */, const qos_target *target)
+{
+    text_writer out(text, rule_text_size);
+    switch (kind) {
+    case target_mark:
+        out.add("-j MARK --set-mark 0x%x ", target->mark);
+        break;
+    case target_tos:
+        out.add("-j TOS --set-tos %s --set-precedence %d ", name_of(TosStrMap, target->kind),
+                target->value.raw);
+        break;
+    case target_dscp:
+        if (target->kind == 0) out.add("-j DSCP --set-dscp 0x%x ", target->value.raw);
+        if (target->kind == 1)
+            out.add("-j DSCP --set-dscp %s ", name_of(DscpClassStrMap, target->value.class_id));
+        break;
+    case target_mkvlan:
+        out.add("-j MKVLAN --set-vlan-id %d --set-vlan-prio %d %s ", target->vlan_id,
+                target->vlan_prio, target->vlan_double != 0 ? "--double" : " ");
+        break;
+    case target_log:
+        TRACE_CONSOLE("LOG target not implement!!\n");
+        break;
+    default:
+        break;
+    }
+    return static_cast<u32>(out.length());
+}
+
+namespace {
+
+// What all lines of a rule share
+struct rule_line {
+    const char *action;
+    const char *prefix;
+    const char *ifname;
+    const protocol_texts *protocol;
+    const char *match;
+};
+
+// The line of one target kind, or two where the rule is for TCP and UDP; none without a text.
+void write_target(FILE *out, const rule_line &line, u32 kind, const qos_target &target)
+{
+    char text[rule_text_size];
+    if (draw_target(kind, text, sizeof text, &target) == 0) return;
+    const auto write = [&](const char *protocol) {
+        ::fprintf(out, "iptables -t mangle %s %s%s %s%s%s\n", line.action, line.prefix, line.ifname,
+                  protocol, line.match, text);
+    };
+    write(line.protocol->first);
+    if (line.protocol->both) write(line.protocol->second);
+}
+
+}  // namespace
+
+int draw_rule(FILE *out, const qos_rule *rule, u32 action, const char *prefix, const char *ifname)
+{
+    const qos_match &m = rule->match;
+    protocol_texts protocol;
+    if (!render_protocol(&protocol, m)) return 0;
+
+    // The longest match, both long texts without a NUL and a schedule included, takes 952.
+    char match_text[rule_text_size];
+    text_writer match(match_text, sizeof match_text);
+    for (u32 kind = 0; kind < match_kinds; ++kind) {
+        if (!has(m.flags, kind)) continue;
+        add_match(match, m, kind);
+        // The protocol has a text of its own, not a match piece; consoles show this line for it.
+        if (kind == QF_PROTOCOL) TRACE_CONSOLE("get %s match type\n", name_of(QfStrMap, kind));
+    }
+    add_vlan(match, m);
+    if (m.sched_index != 0) {
+        const auto used = static_cast<u32>(match.length());
+        if (get_sched_str(m.sched_index, match.end(), rule_text_size - 1 - used) != 0)
+            match.grown();
+        else
+            TRACE_CONSOLE("match buffer is too small or index not found, schedule string doesn't"
+                          " attach %d %d!!\n",
+                          static_cast<int>(rule_text_size), static_cast<int>(used));
+    }
+
+    const rule_line line{name_of(RuleActStrMap, action), prefix, ifname, &protocol, match_text};
+    for (u32 kind = 0; kind < target_kinds; ++kind)
+        if (has(rule->target.flags, kind)) write_target(out, line, kind, rule->target);
+    return 1;
+}
+
+// ---- Chains -------------------------------------------------------------------------------------
+// What a chain writer calls always works on the chains of chain_prefix, whatever its own prefix.
+
+namespace {
+
+// The three jumps into an interface's chains: what leaves through it, forwarded or our own, goes to
+// its rule chain, and from there what belongs to a marked connection to its automark chain.
+void write_jumps(FILE *out, const char *action, const char *prefix, const char *ifname)
+{
+    ::fprintf(out, "iptables -t mangle %s FORWARD -o %s -g %s%s 2>/dev/null\n", action, ifname,
+              prefix, ifname);
+    ::fprintf(out, "iptables -t mangle %s OUTPUT -o %s -g %s%s 2>/dev/null\n", action, ifname,
+              prefix, ifname);
+    ::fprintf(out, "iptables -t mangle %s %s%s -m connmark ! --mark 0 -j %s%s%s 2>/dev/null\n",
+              action, prefix, ifname, prefix, ifname, "_AUTO");
+}
+
+// One command on the rule chain, then on the automark chain.
+void write_both_chains(FILE *out, const char *command, const char *prefix, const char *ifname)
+{
+    for (const char *suffix : {"", "_AUTO"})
+        ::fprintf(out, "iptables -t mangle %s %s%s%s 2>/dev/null\n", command, prefix, ifname,
+                  suffix);
+}
+
+}  // namespace
+
+void del_rule_chain_jumps(FILE *out, const char *prefix, const char *ifname)
+{
+    write_jumps(out, "-D", prefix, ifname);
+}
+
+// Deleted first, so that a script that runs again stacks no second jumps.
+void add_rule_chain_jumps(FILE *out, const char *prefix, const char *ifname)
+{
+    del_rule_chain_jumps(out, chain_prefix, ifname);
+    write_jumps(out, "-A", prefix, ifname);
+}
+
+void flush_rule_chains(FILE *out, const char *prefix, const char *ifname)
+{
+    write_both_chains(out, "-F", prefix, ifname);
+}
+
+void delete_rule_chains(FILE *out, const char *prefix, const char *ifname)
+{
+    flush_rule_chains(out, chain_prefix, ifname);
+    write_both_chains(out, "-X", prefix, ifname);
+}
+
+void renew_rule_chains(FILE *out, const char *prefix, const char *ifname)
+{
+    delete_rule_chains(out, chain_prefix, ifname);
+    write_both_chains(out, "-N", prefix, ifname);
+    add_rule_chain_jumps(out, chain_prefix, ifname);
+}
+
+}  // namespace mordel
+
+// ---- Rule scripts -------------------------------------------------------------------------------
+
+int renew_qos_rule(FILE *out, const char *ifname, list_head *rules)
+{
+    renew_rule_chains(out, chain_prefix, ifname);
+    for (const qos_rule &rule : each<&qos_rule::node>(*rules))
+        (void)draw_rule(out, &rule, 0, chain_prefix, ifname);
+    automark_value automark;
+    if (get_automark_value(ifname, &automark) == 0) return 0;
+    int connection_mark = 0;
+    for (const u16 mark : automark.mark) {
+        connection_mark += 100;
+        ::fprintf(out,
+                  "iptables -t mangle -A %s%s%s -m connmark --mark %d -j MARK --set-mark 0x%x"
+                  " 2>/dev/null\n",
+                  chain_prefix, ifname, "_AUTO", connection_mark, mark);
+    }
+    return 0;
+}
+
+int remove_qos_rule(FILE *out, const char *ifname)
+{
+    del_rule_chain_jumps(out, chain_prefix, ifname);
+    delete_rule_chains(out, chain_prefix, ifname);
+    return 0;
+}
+
+int restart_rule(const char *ifname)
+{
+    char path[64];
+    ::snprintf(path, sizeof path, "/var/tmp/qos_rule_%s", ifname);
+    list_head *rules = find_rule_list_by_name(ifname);
+    if (rules == nullptr) {
+        TRACE_CONSOLE("QoS struct not fuond!!\n");  // as consoles have always shown it
+        return 0;
+    }
+    stream_guard script = open_script(path);
+    if (!script) {
+        TRACE_CONSOLE("Can't open tmp file!!\n");
+        return 0;
+    }
+    (void)renew_qos_rule(script.get(), ifname, rules);
+    script.reset();  // closed before it runs: a file open for writing cannot be executed
+    (void)_system("%s", path);
+    return 1;
+}

@@ -1,0 +1,444 @@
+// The traffic-control model of each interface, and the tc scripts rendered from it. The records
+// hang on qos_root; nothing here takes a lock, callers serialise.
+
+#include "tarnic_qos.h"
+
+#include <cstring>
+#include <iterator>
+
+#include "class_walk.h"
+#include "guards.h"
+#include "script_file.h"
+
+#define TRACE_STEM "tarnic_qos"
+#include "trace.h"
+
+constinit list_head qos_root = {&qos_root, &qos_root};
+
+namespace mordel {
+
+// ---- Names --------------------------------------------------------------------------------------
+
+constexpr txt_map RootQdiscTypeMap[] = {
+    {R_pfifo_fast, "R_pfifo_fast"},
+    {R_HTB, "R_HTB"},
+    {R_HFSC, "R_HFSC"},
+    {R_PRIO, "R_PRIO"},
+    {-1, "Unknown"},
+};
+
+// PRIO takes no classes from callers: its bands are made with the root.
+constexpr id_map RootClassTypeMap[] = {
+    {R_pfifo_fast, -1}, {R_HTB, C_HTB}, {R_HFSC, C_HFSC}, {R_PRIO, -1}, {-1, -1},
+};
+
+constexpr txt_map ClassTypeMap[] = {
+    {C_HTB, "C_HTB"},
+    {C_HFSC, "C_HFSC"},
+    {C_PRIO, "C_PRIO"},
+    {-1, "Unknown"},
+};
+
+constexpr txt_map LeafQdiscTypeMap[] = {
+    {L_pfifo, "L_pfifo"}, {L_SFQ, "L_SFQ"}, {L_RED, "L_RED"}, {L_TBF, "L_TBF"}, {-1, "Unknown"},
+};
+
+constexpr txt_map CurveTypeMap[] = {
+    {curve_ul, "ul"}, {curve_sc, "sc"}, {curve_ls, "ls"}, {curve_rt, "rt"}, {-1, "Unknown"},
+};
+
+// ---- Lookups ------------------------------------------------------------------------------------
+
+namespace {
+
+bool is_leaf(const qos_class *cls) { return list_empty(&cls->children) != 0; }
+
+}  // namespace
+
+qos_if *root_qdisc_find_by_name(const char *ifname)
+{
+    for (qos_if &rec : each<&qos_if::node>(qos_root))
+        if (::strcmp(rec.ifname, ifname) == 0) return &rec;
+    TRACE_CONSOLE("%s not found!!\n", ifname);
+    return nullptr;
+}
+
+qos_class *class_find_in_list(list_head *classes, u32 handle)
+{
+    const u16 minor = static_cast<u16>(handle);
+    for (qos_class &cls : preorder(classes))
+        if (cls.handle == minor) return &cls;
+    return nullptr;
+}
+
+qos_class *class_find(const char *ifname, u32 handle)
+{
+    qos_if *rec = root_qdisc_find_by_name(ifname);
+    return rec == nullptr ? nullptr : class_find_in_list(&rec->classes, handle);
+}
+
+// ---- Building -----------------------------------------------------------------------------------
+
+namespace {
+
+// A class of no parameters, linked last below its parent or, without one, at top level; null when
+// out of memory.
+qos_class *append_class(qos_if *rec, qos_class *parent, u32 type, u16 handle)
+{
+    class_record *fresh = allocate<class_record>().release();
+    if (fresh == nullptr) return nullptr;
+    fresh->parent = parent;
+    qos_class *cls = &fresh->cls;
+    cls->type = type;
+    cls->handle = handle;
+    list_init(&cls->children);
+    list_add_tail(&cls->node, parent == nullptr ? &rec->classes : &parent->children);
+    return cls;
+}
+
+// What the caller passes for each root type
+constexpr u8 root_param_size[] = {sizeof(pfifo_fast_root_param), sizeof(class_root_param),
+                                  sizeof(class_root_param), sizeof(prio_root_param)};
+static_assert(std::size(root_param_size) == R_PRIO + 1);
+
+// The classes that an HTB or HFSC interface starts with
+struct default_class {
+    u16 handle;
+    u16 parent;
+    bool at_link;  // at the LINK rate, not the PHY rate
+    u32 burst;     // bytes
+    const char *name;
+};
+constexpr default_class default_classes[] = {
+    {1, 0, false, 1000000, "root"},
+    {2, 1, false, 6000, "non-limit"},
+    {3, 1, true, 6000, "user"},
+};
+constexpr u16 fair_class = 2;
+constexpr u8 fair_perturb = 10;  // seconds
+
+// Built by the record's own name: what was stored, not what the caller passed.
+void add_default_classes(const qos_if *rec)
+{
+    for (const default_class &row : default_classes) {
+        const u32 rate = row.at_link ? rec->link_tx : rec->phy_tx;
+        // Whole and zero behind what is set: an older interface of the same stored name may be of
+        // the other type, and its kind of parameters is then read from here.
+        qos_class_param param;
+        ::memset(&param, 0, sizeof param);
+        if (rec->root_type == R_HTB) {
+            param.htb = {rate, rate, row.burst, row.burst, 0};
+        } else {
+            param.hfsc.ul.rate = rate;
+            param.hfsc.sc.rate = rate;
+        }
+        (void)add_class(rec->ifname, row.parent, row.handle, &param, row.name);
+    }
+    leaf_qdisc fair{};
+    fair.type = L_SFQ;
+    fair.param.sfq.perturb = fair_perturb;
+    (void)add_leaf_qdisc(rec->ifname, fair_class, &fair);
+}
+
+}  // namespace
+
+int add_prio_classes(const char *ifname, u8 bands)
+{
+    qos_if *rec = root_qdisc_find_by_name(ifname);
+    if (rec == nullptr) return 1;
+    for (u16 i = 1; i <= bands; ++i) {
+        qos_class *cls = append_class(rec, nullptr, C_PRIO, i);
+        if (cls == nullptr) return 3;
+        ::snprintf(cls->name, sizeof cls->name, "Class%d", i);
+    }
+    return 0;
+}
+
+// Children before their parent, in list order, and in a loop: see class_walk.h.
+void class_free_tree(qos_class *cls)
+{
+    for (qos_class *at = cls;;) {
+        while (!is_leaf(at)) at = &record_of<&qos_class::node>(at->children.next);
+        qos_class *up = at == cls ? nullptr : parent_of(at);
+        list_del(&at->node);
+        ::free(at);
+        if (up == nullptr) return;
+        at = up;
+    }
+}
+
+}  // namespace mordel
+
+using namespace mordel;
+
+int add_root_qdisc(const u32 *speeds, const char *ifname, u32 root_type, const void *root_param)
+{
+    // A new name is looked up too, so every new interface traces its "not found" once.
+    if (root_qdisc_find_by_name(ifname) != nullptr) return 2;
+    heap_guard<qos_if> fresh = allocate<qos_if>();
+    if (!fresh) return 3;
+    fresh->link_tx = speeds[0];
+    fresh->link_rx = speeds[1];
+    fresh->phy_tx = speeds[2];
+    fresh->phy_rx = speeds[3];
+    ::memcpy(fresh->ifname, ifname, ::strnlen(ifname, sizeof fresh->ifname - 1));
+    fresh->root_type = root_type;
+    list_init(&fresh->classes);
+    list_init(&fresh->rules);
+    if (root_type > R_PRIO) {
+        TRACE_CONSOLE("Internel error occur at not define root qdisc type\n");
+        return 3;
+    }
+    ::memcpy(&fresh->param, root_param, root_param_size[root_type]);
+    qos_if *rec = fresh.release();
+    list_add_tail(&rec->node, &qos_root);
+    if (root_type == R_HTB || root_type == R_HFSC) add_default_classes(rec);
+    if (root_type == R_PRIO) (void)add_prio_classes(rec->ifname, rec->param.prio.bands);
+    return 0;
+}
+
+int del_root_qdisc(const char *ifname)
+{
+    qos_if *rec = root_qdisc_find_by_name(ifname);
+    if (rec == nullptr) return 1;
+    if (rec->root_type <= R_PRIO) {
+        for (qos_class &cls : each<&qos_class::node>(rec->classes)) class_free_tree(&cls);
+    } else {
+        // A record of no known type was written over: what its class list holds is not trusted.
+        TRACE_CONSOLE("Internel error occur at not define root qdisc type\n");
+    }
+    for (qos_rule &rule : each<&qos_rule::node>(rec->rules)) ::free(&rule);
+    list_del(&rec->node);
+    ::free(rec);
+    return 0;
+}
+
+int add_class(const char *ifname, u32 parent, u32 handle, const void *class_param,
+              const char * /* class_name: only PRIO bands are named */)
+{
+    qos_if *rec = root_qdisc_find_by_name(ifname);
+    if (rec == nullptr) return 1;
+    const int type = MapById(RootClassTypeMap, static_cast<int>(rec->root_type));
+    if (type < 0) return 4;
+    qos_class *above = nullptr;
+    // Only a class with a parent is tested: a top-level handle may be there twice.
+    if (static_cast<u16>(parent) != 0) {
+        above = class_find(ifname, parent);
+        if (above == nullptr) return 1;
+        if (class_find(ifname, handle) != nullptr) return 2;
+    }
+    qos_class *cls = append_class(rec, above, static_cast<u32>(type), static_cast<u16>(handle));
+    if (cls == nullptr) return 3;
+    ::memcpy(&cls->param, class_param,
+             type == C_HTB ? sizeof(htb_class_param) : sizeof(hfsc_class_param));
+    return 0;
+}
+
+int del_class(const char *ifname, u32 handle)
+{
+    qos_class *cls = class_find(ifname, handle);
+    if (cls == nullptr) return 1;
+    class_free_tree(cls);
+    return 0;
+}
+
+int add_leaf_qdisc(const char *ifname, u32 handle, const leaf_qdisc *leaf)
+{
+    qos_class *cls = class_find(ifname, handle);
+    if (cls == nullptr) return 1;
+    if (!is_leaf(cls)) return 4;
+    cls->leaf = *leaf;
+    return 0;
+}
+
+int del_leaf_qdisc(const char *ifname, u32 handle)
+{
+    qos_class *cls = class_find(ifname, handle);
+    if (cls == nullptr || !is_leaf(cls)) return 1;
+    ::memset(&cls->leaf, 0, sizeof cls->leaf);
+    return 0;
+}
+
+int check_Key(const char *ifname, u32 key)
+{
+    const qos_class *cls = class_find(ifname, key);
+    return cls != nullptr && is_leaf(cls);
+}
+
+// ---- Commands -----------------------------------------------------------------------------------
+
+namespace mordel {
+namespace {
+
+// "%-3x" fills the handle with blanks to three digits; the fill is part of the scripts.
+void htb2cmd(FILE *out, const char *ifname, u16 parent, const qos_class &cls)
+{
+    const htb_class_param &p = cls.param.htb;
+    ::fprintf(out,
+              "tc class add dev %s parent 1:0x%-3x classid 1:0x%-3x"
+              " htb rate %ukbit ceil %ukbit prio %u ",
+              ifname, parent, cls.handle, p.rate, p.ceil, p.prio);
+    if (p.burst != 0) ::fprintf(out, "burst %u ", p.burst);
+    if (p.cburst != 0) ::fprintf(out, "cburst %u", p.cburst);
+    ::fputs("\n", out);
+}
+
+void hfsc2cmd(FILE *out, const char *ifname, u16 parent, const qos_class &cls)
+{
+    const hfsc_class_param &p = cls.param.hfsc;
+    ::fprintf(out, "tc class add dev %s parent 1:0x%-3x classid 1:0x%-3x hfsc ", ifname, parent,
+              cls.handle);
+    curve2cmd(out, &p.ul, curve_ul);
+    // One more curve at most; the kernel takes a real-time curve for leaf classes alone.
+    if (p.sc.rate != 0)
+        curve2cmd(out, &p.sc, curve_sc);
+    else if (p.ls.rate != 0)
+        curve2cmd(out, &p.ls, curve_ls);
+    else if (p.rt.rate != 0 && is_leaf(&cls))
+        curve2cmd(out, &p.rt, curve_rt);
+    ::fputs("\n", out);
+}
+
+}  // namespace
+
+void root2cmd(FILE *out, qos_if *rec)
+{
+    const qos_root_param &p = rec->param;
+    switch (rec->root_type) {
+    case R_HTB:
+        ::fprintf(out, "tc qdisc add dev %s handle 1:0 root htb default 0x%x\n", rec->ifname,
+                  p.classful.default_class);
+        break;
+    case R_HFSC:
+        ::fprintf(out, "tc qdisc add dev %s handle 1:0 root hfsc default 0x%x\n", rec->ifname,
+                  p.classful.default_class);
+        break;
+    case R_PRIO: {
+        const u8 *map = p.prio.priomap;
+        ::fprintf(out,
+                  "tc qdisc add dev %s handle 1:0 root prio bands %d"
+                  " priomap %d %d %d %d %d %d %d %d %d %d %d %d %d %d %d %d\n",
+                  rec->ifname, p.prio.bands, map[0], map[1], map[2], map[3], map[4], map[5], map[6],
+                  map[7], map[8], map[9], map[10], map[11], map[12], map[13], map[14], map[15]);
+        break;
+    }
+    case R_pfifo_fast:
+        // The deletion of the root has put the default qdisc back; only its length is ours.
+        ::fprintf(out, "ifconfig %s txqueuelen %u\n", rec->ifname, p.pfifo_fast.queue_len);
+        return;
+    default:
+        return;
+    }
+    class2cmd(out, rec->ifname, &rec->classes);
+}
+
+void class2cmd(FILE *out, const char *ifname, list_head *classes)
+{
+    for (qos_class &cls : preorder(classes)) {
+        // Class 1 hangs on the root qdisc wherever it stands in the tree.
+        const qos_class *parent = parent_of(&cls);
+        const u16 above = cls.handle == 1 || parent == nullptr ? u16{0} : parent->handle;
+        if (cls.type == C_HTB) htb2cmd(out, ifname, above, cls);
+        if (cls.type == C_HFSC) hfsc2cmd(out, ifname, above, cls);
+        // PRIO's classes come with the qdisc: no line
+        if (is_leaf(&cls)) do_leaf2cmd(out, ifname, cls.handle, &cls.leaf);
+    }
+}
+
+void curve2cmd(FILE *out, const hfsc_curve *curve, int id)
+{
+    ::fprintf(out, "%s ", TxtMapById(CurveTypeMap, id));
+    if (curve->umax != 0) ::fprintf(out, "umax %ub ", curve->umax);
+    if (curve->dmax != 0) ::fprintf(out, "dmax %ums ", curve->dmax);
+    ::fprintf(out, "rate %ukbit ", curve->rate);
+}
+
+void do_leaf2cmd(FILE *out, const char *ifname, u16 handle, const leaf_qdisc *leaf)
+{
+    // Not reduced to 16 bits: above class 0xfff tc refuses the number, and is meant to.
+    const u32 major = u32{handle} * 16;
+    ::fprintf(out, "tc qdisc add dev %s parent 1:0x%-3x handle 0x%x: ", ifname, handle, major);
+    switch (leaf->type) {
+    case L_SFQ:
+        ::fputs("sfq ", out);
+        if (leaf->param.sfq.perturb != 0) ::fprintf(out, "perturb %d", leaf->param.sfq.perturb);
+        ::fputs("\n", out);
+        break;
+    case L_pfifo:
+        ::fputs("pfifo ", out);
+        if (leaf->param.pfifo.limit != 0) ::fprintf(out, "limit %u", leaf->param.pfifo.limit);
+        ::fputs("\n", out);
+        break;
+    case L_RED: {
+        const red_leaf_param &red = leaf->param.red;
+        ::fprintf(out, "red min %ub max %ub burst %u limit %ub avpkt %ub\n", red.min, red.max,
+                  red.burst, red.limit, red.avpkt);
+        break;
+    }
+    case L_TBF: {
+        const tbf_leaf_param &tbf = leaf->param.tbf;
+        ::fprintf(out, "tbf latency %ums rate %ukbit burst %ub\n", tbf.latency, tbf.rate,
+                  tbf.burst);
+        break;
+    }
+    default:
+        // The line stays open and the filter line continues it: tc then refuses both.
+        TRACE_CONSOLE("An error occur at not define leaf qdisc type\n");
+        break;
+    }
+    ::fprintf(out,
+              "tc filter add dev %s parent 1:0 protocol ip prio 50 handle 0x%x fw classid 1:0x%x\n",
+              ifname, handle, handle);
+}
+
+void emit_rule_start(FILE *out, qos_if *rec)
+{
+    (void)renew_qos_rule(out, rec->ifname, &rec->rules);
+}
+
+void emit_rule_stop(FILE *out, qos_if *rec) { (void)remove_qos_rule(out, rec->ifname); }
+
+namespace {
+
+// Writes one of the two scripts: what both begin with, then the rest. 1; 0 when it could not.
+int write_script(const char *path, const char *ifname, void (*rest)(FILE *, qos_if *))
+{
+    qos_if *rec = root_qdisc_find_by_name(ifname);
+    if (rec == nullptr) return 0;
+    const stream_guard script = open_script(path);
+    if (!script) return 0;
+    ::fprintf(script.get(), "tc qdisc del dev %s root 2>/dev/null\n", ifname);
+    rest(script.get(), rec);
+    return 1;
+}
+
+}  // namespace
+}  // namespace mordel
+
+int start_qos(const char *ifname)
+{
+    return write_script("/var/tmp/qos_start", ifname, [](FILE *out, qos_if *rec) {
+        root2cmd(out, rec);
+        emit_rule_start(out, rec);
+    });
+}
+
+int stop_qos(const char *ifname)
+{
+    return write_script("/var/tmp/qos_stop", ifname, emit_rule_stop);
+}
+
+int restart_qos(const char *ifname) { return stop_qos(ifname) == 0 ? 0 : start_qos(ifname); }
+
+int restart_qos_all(void)
+{
+    if (list_empty(&qos_root)) {
+        TRACE_CONSOLE("Qos list empty!!\n");
+        return 0;
+    }
+    for (const qos_if &rec : each<&qos_if::node>(qos_root)) {
+        (void)restart_qos(rec.ifname);
+        TRACE_CONSOLE("Start %s's Qos!!\n", rec.ifname);
+    }
+    return 0;
+}

@@ -1,0 +1,89 @@
+// The trace sinks. No state: every line opens its sink anew, so that log rotation and a console
+// that comes and goes need no care.
+
+#include "trace.h"
+
+#include <fcntl.h>
+
+#include <cstdarg>
+#include <cstring>
+
+#include "guards.h"
+
+namespace mordel {
+namespace {
+
+// Most lines fit; a longer one (a caller's long name) goes through the heap.
+constexpr size_t usual_size = 256;
+
+struct place {
+    const char *stem;
+    int line;
+    const char *function;
+};
+
+// Prefix and message into text; the length they need, whatever the size.
+size_t format_line(char *text, size_t size, const place &at, const char *format, va_list args)
+{
+    const int prefix =
+        ::snprintf(text, size, "[%16s:%5d %16s()]:::", at.stem, at.line, at.function);
+    const int message =
+        ::vsnprintf(text + prefix, size - static_cast<size_t>(prefix), format, args);
+    return message < 0 ? 0 : static_cast<size_t>(prefix + message);
+}
+
+void write_line(int fd, const place &at, const char *format, va_list args)
+{
+    va_list again;
+    va_copy(again, args);
+    char usual[usual_size];
+    const char *text = usual;
+    size_t length = format_line(usual, sizeof usual, at, format, args);
+    heap_guard<char> longer;
+    if (length >= sizeof usual) {
+        longer.reset(static_cast<char *>(::malloc(length + 1)));
+        if (longer) {
+            (void)format_line(longer.get(), length + 1, at, format, again);
+            text = longer.get();
+        } else {
+            length = sizeof usual - 1;  // without memory: what fits, still a line
+            usual[length - 1] = '\n';
+        }
+    }
+    va_end(again);
+    (void)!::write(fd, text, length);  // nobody to tell
+}
+
+// One trace: a sink that cannot be opened is skipped, and errno stays what the caller had.
+void trace(const char *path, int flags, const place &at, const char *format, va_list args)
+{
+    const int error = errno;
+    {
+        const fd_guard sink{::open(path, O_WRONLY | O_APPEND | O_NOCTTY | O_CLOEXEC | flags, 0644)};
+        if (sink) write_line(sink.get(), at, format, args);
+    }
+    errno = error;
+}
+
+}  // namespace
+
+void trace_file(const char *stem, int line, const char *function, const char *format, ...)
+{
+    // The directory is everybody's: no link is followed, and a planted FIFO must not hang us.
+    va_list args;
+    va_start(args, format);
+    trace("/var/tmp/tarnic.log", O_CREAT | O_NOFOLLOW | O_NONBLOCK, {stem, line, function}, format,
+          args);
+    va_end(args);
+}
+
+void trace_console(const char *stem, int line, const char *function, const char *format, ...)
+{
+    // Never created: a missing console must not become a file that grows.
+    va_list args;
+    va_start(args, format);
+    trace("/dev/console", 0, {stem, line, function}, format, args);
+    va_end(args);
+}
+
+}  // namespace mordel
