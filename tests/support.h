@@ -1,0 +1,66 @@
+// What the tests share: private namespaces, the two trace sinks read back, scripts read back.
+//
+// main() (in support.cpp) moves the whole test program into private mount, network and IPC
+// namespaces before the first test: /var/tmp is an empty tmpfs, /dev/console a private file.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "mordel.h"
+
+namespace test {
+
+// One line of a trace sink, taken apart.
+struct trace_line {
+    std::string source;    // "tarnic_qos"
+    int line = 0;          // > 0
+    std::string function;  // "add_qos_rule"
+    std::string message;   // without the final line feed
+};
+
+// A trace line less its line number, as tests expect it.
+struct traced {
+    std::string source;
+    std::string function;
+    std::string message;
+    bool operator==(const traced &) const = default;
+};
+std::ostream &operator<<(std::ostream &, const traced &);
+
+// The lines written to a sink since the last call (or the start of the test). A line that is not
+// "[%16s:%5d %16s()]:::message\n", exactly padded, fails the test.
+std::vector<trace_line> console_lines();
+std::vector<trace_line> log_lines();
+std::vector<traced> console();  // the same, for EXPECT_EQ with a list
+std::vector<traced> trace_log();
+std::string console_raw();  // the bytes themselves
+std::string log_raw();
+
+// The text that `write` puts into a stream.
+std::string written(const std::function<void(FILE *)> &write);
+
+std::string read_file(const std::string &path);
+void write_file(const std::string &path, const std::string &text);
+bool exists(const std::string &path);
+unsigned mode_of(const std::string &path);  // the permission bits, as 0700
+
+// Compares `text`, byte for byte, with tests/golden/NAME. MORDEL_BLESS=1 rewrites the file instead.
+void expect_golden(const std::string &name, const std::string &text);
+
+// Runs `sh -n` on a script; "" when the shell accepts it, else what it said.
+std::string shell_syntax(const std::string &path);
+
+// Starts every test with empty sinks, an empty /var/tmp, and empty qos_root and sched_root; ends it
+// by deleting whatever is left on the two lists.
+class mordel_test : public testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+};
+
+}  // namespace test
