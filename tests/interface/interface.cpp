@@ -1,0 +1,2 @@
+// The same checks, compiled as C++.
+#include "interface.c"
