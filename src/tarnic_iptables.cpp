@@ -95,9 +95,6 @@ public:
             if (has(bits, bit)) add("%s,", name_of(map, bit));
     }
 
-    // Takes in what somebody wrote at end().
-    void grown() { length_ += ::strlen(end()); }
-
     char *end() { return buf_ + length_; }
     size_t length() const { return length_; }
 
@@ -469,9 +466,7 @@ int draw_rule(FILE *out, const qos_rule *rule, u32 action, const char *prefix, c
     add_vlan(match, m);
     if (m.sched_index != 0) {
         const auto used = static_cast<u32>(match.length());
-        if (get_sched_str(m.sched_index, match.end(), rule_text_size - 1 - used) != 0)
-            match.grown();
-        else
+        if (get_sched_str(m.sched_index, match.end(), rule_text_size - 1 - used) == 0)
             TRACE_CONSOLE("match buffer is too small or index not found, schedule string doesn't"
                           " attach %d %d!!\n",
                           static_cast<int>(rule_text_size), static_cast<int>(used));

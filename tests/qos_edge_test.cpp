@@ -1,7 +1,6 @@
 // The tree model at its edges: names stored alike, memory that runs out, a console that cannot be
 // written, trees as deep as they get, and long random histories against a model.
 #include <fcntl.h>
-#include <pthread.h>
 
 #include <cerrno>
 #include <cstring>
@@ -439,36 +438,8 @@ TEST_F(QosTrace, ConsoleThatFailsChangesNoResult)
 constexpr u16 levels = 2000;
 constexpr u16 twig = 10000;  // the handle of level n's other child is twig + n
 
-#if defined __SANITIZE_ADDRESS__
-constexpr size_t small_stack = 8U << 20;
-#elif defined __has_feature
-#if __has_feature(address_sanitizer)
-constexpr size_t small_stack = 8U << 20;
-#else
-constexpr size_t small_stack = 65536;
-#endif
-#else
-constexpr size_t small_stack = 65536;
-#endif
-
 class QosDepth : public test::mordel_test {
 protected:
-    // Runs a body, which asserts nothing (there is no room for that), on a small stack.
-    static void on_a_small_stack(std::function<void()> body)
-    {
-        pthread_attr_t attr;
-        ASSERT_EQ(0, pthread_attr_init(&attr));
-        ASSERT_EQ(0, pthread_attr_setstacksize(&attr, small_stack));
-        pthread_t thread;
-        const auto run = [](void *arg) -> void * {
-            (*static_cast<std::function<void()> *>(arg))();
-            return nullptr;
-        };
-        ASSERT_EQ(0, pthread_create(&thread, &attr, run, &body));
-        ASSERT_EQ(0, pthread_join(thread, nullptr));
-        pthread_attr_destroy(&attr);
-    }
-
     // A chain 1, 2, 3 ... where each class but the last has its twig first.
     static int build()
     {
@@ -492,7 +463,7 @@ TEST_F(QosDepth, TreeOfTwoThousandLevelsOnASmallStack)
     keys.reserve(32);
     found.reserve(32);
     codes.reserve(32);
-    on_a_small_stack([&] {
+    test::on_a_small_stack([&] {
         unbuilt = build();
         for (const u32 key : {2000U, 1999U, 11999U, 10001U, 1U, 2001U, 12000U})
             keys.push_back(check_Key("eth0", key));
@@ -521,7 +492,7 @@ TEST_F(QosDepth, WholeTreeIsDeletedFromItsRootOnASmallStack)
 {
     std::vector<int> codes;
     codes.reserve(32);
-    on_a_small_stack([&] {
+    test::on_a_small_stack([&] {
         codes.push_back(build());
         codes.push_back(del_class("eth0", 1));
         codes.push_back(del_root_qdisc("eth0"));

@@ -50,21 +50,30 @@ void put(char (&field)[N], std::string_view text)
     std::memcpy(field, text.data(), text.size());
 }
 
-// The lines that flush, delete, make, unlink and link the chains of `n`.
-std::string chain_lines(const std::string &n)
+// The text with the interface's name in place of every @.
+std::string named(std::string_view text, const std::string &name)
 {
-    const std::string q = "QOS_" + n;
-    return "iptables -t mangle -F " + q + " 2>/dev/null\n" + "iptables -t mangle -F " + q +
-           "_AUTO 2>/dev/null\n" + "iptables -t mangle -X " + q + " 2>/dev/null\n" +
-           "iptables -t mangle -X " + q + "_AUTO 2>/dev/null\n" + "iptables -t mangle -N " + q +
-           " 2>/dev/null\n" + "iptables -t mangle -N " + q + "_AUTO 2>/dev/null\n" +
-           "iptables -t mangle -D FORWARD -o " + n + " -g " + q + " 2>/dev/null\n" +
-           "iptables -t mangle -D OUTPUT -o " + n + " -g " + q + " 2>/dev/null\n" +
-           "iptables -t mangle -D " + q + " -m connmark ! --mark 0 -j " + q +
-           "_AUTO 2>/dev/null\n" + "iptables -t mangle -A FORWARD -o " + n + " -g " + q +
-           " 2>/dev/null\n" + "iptables -t mangle -A OUTPUT -o " + n + " -g " + q +
-           " 2>/dev/null\n" + "iptables -t mangle -A " + q + " -m connmark ! --mark 0 -j " + q +
-           "_AUTO 2>/dev/null\n";
+    std::string out;
+    for (const char c : text) out += c == '@' ? name : std::string(1, c);
+    return out;
+}
+
+// The lines that flush, delete, make, unlink and link an interface's chains.
+std::string chain_lines(const std::string &name)
+{
+    return named("iptables -t mangle -F QOS_@ 2>/dev/null\n"
+                 "iptables -t mangle -F QOS_@_AUTO 2>/dev/null\n"
+                 "iptables -t mangle -X QOS_@ 2>/dev/null\n"
+                 "iptables -t mangle -X QOS_@_AUTO 2>/dev/null\n"
+                 "iptables -t mangle -N QOS_@ 2>/dev/null\n"
+                 "iptables -t mangle -N QOS_@_AUTO 2>/dev/null\n"
+                 "iptables -t mangle -D FORWARD -o @ -g QOS_@ 2>/dev/null\n"
+                 "iptables -t mangle -D OUTPUT -o @ -g QOS_@ 2>/dev/null\n"
+                 "iptables -t mangle -D QOS_@ -m connmark ! --mark 0 -j QOS_@_AUTO 2>/dev/null\n"
+                 "iptables -t mangle -A FORWARD -o @ -g QOS_@ 2>/dev/null\n"
+                 "iptables -t mangle -A OUTPUT -o @ -g QOS_@ 2>/dev/null\n"
+                 "iptables -t mangle -A QOS_@ -m connmark ! --mark 0 -j QOS_@_AUTO 2>/dev/null\n",
+                 name);
 }
 
 automark_value automark(int enable)
@@ -271,16 +280,17 @@ TEST_F(RuleScript, NamesOfAnyLengthAreWrittenWhole)
     EXPECT_EQ(traces{}, test::console());
 }
 
-// The lines that unlink, flush and delete the chains of `n`.
-std::string removal_lines(const std::string &n)
+// The lines that unlink, flush and delete an interface's chains.
+std::string removal_lines(const std::string &name)
 {
-    const std::string q = "QOS_" + n;
-    return "iptables -t mangle -D FORWARD -o " + n + " -g " + q + " 2>/dev/null\n" +
-           "iptables -t mangle -D OUTPUT -o " + n + " -g " + q + " 2>/dev/null\n" +
-           "iptables -t mangle -D " + q + " -m connmark ! --mark 0 -j " + q +
-           "_AUTO 2>/dev/null\n" + "iptables -t mangle -F " + q + " 2>/dev/null\n" +
-           "iptables -t mangle -F " + q + "_AUTO 2>/dev/null\n" + "iptables -t mangle -X " + q +
-           " 2>/dev/null\n" + "iptables -t mangle -X " + q + "_AUTO 2>/dev/null\n";
+    return named("iptables -t mangle -D FORWARD -o @ -g QOS_@ 2>/dev/null\n"
+                 "iptables -t mangle -D OUTPUT -o @ -g QOS_@ 2>/dev/null\n"
+                 "iptables -t mangle -D QOS_@ -m connmark ! --mark 0 -j QOS_@_AUTO 2>/dev/null\n"
+                 "iptables -t mangle -F QOS_@ 2>/dev/null\n"
+                 "iptables -t mangle -F QOS_@_AUTO 2>/dev/null\n"
+                 "iptables -t mangle -X QOS_@ 2>/dev/null\n"
+                 "iptables -t mangle -X QOS_@_AUTO 2>/dev/null\n",
+                 name);
 }
 
 TEST_F(RuleScript, RemovingIsUnlinkingFlushingAndDeleting)

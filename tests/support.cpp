@@ -1,17 +1,20 @@
 #include "support.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <string_view>
 
 namespace fs = std::filesystem;
 
@@ -194,6 +197,23 @@ std::string shell_syntax(const std::string &path)
     const int status = std::system(run.c_str());
     const std::string text = read_file(said);
     return status == 0 ? text : "exit status " + std::to_string(status) + ": " + text;
+}
+
+void on_a_small_stack(std::function<void()> body)
+{
+    constexpr long wanted = std::string_view(MORDEL_SANITIZE).empty() ? 64L << 10 : 8L << 20;
+    const long size = std::max(wanted, ::sysconf(_SC_THREAD_STACK_MIN));
+    pthread_attr_t attr;
+    ASSERT_EQ(0, pthread_attr_init(&attr));
+    ASSERT_EQ(0, pthread_attr_setstacksize(&attr, static_cast<size_t>(size)));
+    pthread_t thread;
+    const auto run = [](void *arg) -> void * {
+        (*static_cast<std::function<void()> *>(arg))();
+        return nullptr;
+    };
+    ASSERT_EQ(0, pthread_create(&thread, &attr, run, &body));
+    ASSERT_EQ(0, pthread_join(thread, nullptr));
+    pthread_attr_destroy(&attr);
 }
 
 void mordel_test::SetUp()

@@ -55,6 +55,10 @@ void expect_golden(const std::string &name, const std::string &text);
 // Runs `sh -n` on a script; "" when the shell accepts it, else what it said.
 std::string shell_syntax(const std::string &path);
 
+// Runs a body in a thread of a 64 KiB stack (more where the host's threads take no less, and under
+// the sanitizers, whose frames are larger). The body asserts nothing: no room for that.
+void on_a_small_stack(std::function<void()> body);
+
 // Starts every test with empty sinks, an empty /var/tmp, and empty qos_root and sched_root; ends it
 // by deleting whatever is left on the two lists.
 class mordel_test : public testing::Test {

@@ -1,5 +1,4 @@
 // The tree rendered as tc commands, and the scripts that hold them.
-#include <pthread.h>
 
 #include <array>
 #include <clocale>
@@ -761,27 +760,14 @@ TEST_F(TcScripts, WorkTheSameWithoutAConsole)
 constexpr u32 levels = 2000;
 constexpr u32 beside = 10000;  // each inner class h has a leaf class 10000 + h behind its child
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr size_t stack_size = 1024 * 1024;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr size_t stack_size = 1024 * 1024;
-#else
-constexpr size_t stack_size = 65536;
-#endif
-#else
-constexpr size_t stack_size = 65536;
-#endif
-
 struct deep_run {
     std::array<int, 5> results{-1, -1, -1, -1, -1};
     int refused = 0;
 };
 
 // Builds, renders and frees the tree; what gtest says is said on the roomier stack.
-void *run_deep(void *arg)
+void run_deep(deep_run *run)
 {
-    auto *run = static_cast<deep_run *>(arg);
     const u32 speeds[4] = {};
     const class_root_param root{};
     const htb_class_param param{};
@@ -794,7 +780,6 @@ void *run_deep(void *arg)
     run->results[2] = start_qos("eth0");
     run->results[3] = stop_qos("eth0");
     run->results[4] = del_root_qdisc("eth0");
-    return nullptr;
 }
 
 std::string deep_class(u32 parent, u32 handle)
@@ -816,13 +801,7 @@ std::string deep_text()
 TEST_F(TcScripts, ATreeOf2000LevelsNeedsASmallStack)
 {
     deep_run run;
-    pthread_attr_t attr;
-    pthread_t thread;
-    ASSERT_EQ(0, ::pthread_attr_init(&attr));
-    ASSERT_EQ(0, ::pthread_attr_setstacksize(&attr, stack_size));
-    ASSERT_EQ(0, ::pthread_create(&thread, &attr, run_deep, &run));
-    ASSERT_EQ(0, ::pthread_join(thread, nullptr));
-    ::pthread_attr_destroy(&attr);
+    test::on_a_small_stack([&run] { run_deep(&run); });
     EXPECT_EQ((std::array<int, 5>{0, 0, 1, 1, 0}), run.results);
     EXPECT_EQ(0, run.refused);
     std::string expected = deep_text();
