@@ -1,6 +1,6 @@
 /* The public interface as its users compile it: every function by its exact type, every record by
- * its size and offsets on 32- and 64-bit hosts. Built as C99 against the shared library, and once
- * more, through interface.cpp, as C++11. */
+ * its size and offsets on 32- and 64-bit hosts. Built against the shared library twice: as C99 and
+ * as C++11. */
 #include "mordel.h"
 
 #include <stddef.h>

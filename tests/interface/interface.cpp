@@ -1,2 +1,0 @@
-// The same checks, compiled as C++.
-#include "interface.c"
