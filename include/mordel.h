@@ -6,7 +6,8 @@
  *
  *  1. Texts are NUL-terminated and never null, unless a comment says otherwise. Texts and records
  *     passed in are copied; the caller keeps what it passed.
- *  2. A name given to a function is an interface name. At most 31 characters of it are stored.
+ *  2. A name given to a function is an interface name, compared exactly. The first 31 characters
+ *     of a longer one are stored, and it is then found by those alone.
  *  3. Nothing here takes a lock: callers serialise all calls that share a list, an interface, the
  *     rules or the schedules, readers included. The list and map functions, the conversions and
  *     the shell helpers keep no state and may run on any thread.
@@ -194,8 +195,9 @@ typedef struct pfifo_fast_root_param {
     u32 queue_len; /* txqueuelen, packets */
 } pfifo_fast_root_param;
 
-typedef struct class_root_param { /* R_HTB and R_HFSC */
-    u16 default_class;            /* handle for unmarked packets; not checked to exist */
+/* Of R_HTB and R_HFSC */
+typedef struct class_root_param {
+    u16 default_class; /* handle for unmarked packets; not checked to exist */
     automark_value automark;
 } class_root_param;
 
@@ -310,7 +312,9 @@ extern list_head qos_root;
 int add_root_qdisc(const u32 *speeds, const char *ifname, u32 root_type, const void *root_param);
 
 /* Forgets an interface: frees it with its classes and the rules still on it.
- * Returns 0; 1 when there is no such interface. */
+ * Returns 0; 1 when there is no such interface.
+ * Traces "Internel error occur at not define root qdisc type" when the record's type has been
+ * written over; its classes are then not freed. */
 int del_root_qdisc(const char *ifname);
 
 /* Adds a class as the last child of another.
@@ -318,9 +322,9 @@ int del_root_qdisc(const char *ifname);
  * handle: the new handle; unique unless added at top level, where it is not tested.
  * class_param: htb_class_param or hfsc_class_param, by the interface's root type.
  * class_name: accepted, not stored; may be null.
- * Returns 0; 1 when interface or parent is unknown; 2 when the handle exists below a given
- * parent's interface; 3 when out of memory; 4 when the root type takes no classes
- * (pfifo_fast, PRIO). */
+ * Returns 0; 1 when interface or parent is unknown; 2 when a parent is given and the interface has
+ * the handle already; 3 when out of memory; 4 when the root type takes no classes (pfifo_fast,
+ * PRIO). */
 int add_class(const char *ifname, u32 parent, u32 handle, const void *class_param,
               const char *class_name);
 
