@@ -6,8 +6,8 @@
  *
  *  1. Texts are NUL-terminated and never null, unless a comment says otherwise. Texts and records
  *     passed in are copied; the caller keeps what it passed.
- *  2. A name given to a function is an interface name, compared exactly. The first 31 characters
- *     of a longer one are stored, and it is then found by those alone.
+ *  2. A name given to a function is an interface name, compared exactly. Of a longer one the first
+ *     31 characters are stored, and only they find it again.
  *  3. Nothing here takes a lock: callers serialise all calls that share a list, an interface, the
  *     rules or the schedules, readers included. The list and map functions, the conversions and
  *     the shell helpers keep no state and may run on any thread.
@@ -165,7 +165,8 @@ int _system_close(FILE *stream);
  *  2. A leaf class (one without children) receives the packets whose firewall mark is its handle.
  *  3. Rates are kbit/s, bursts bytes, unless a field says otherwise.
  *  4. The library owns every record on qos_root until the delete functions free it. Callers may
- *     read them, and may change parameters but neither links nor types.
+ *     read them, and may change parameters but neither links nor types. They link in no classes
+ *     of their own: behind a qos_class the library keeps more.
  *  5. Traces go to /dev/console. Every lookup of an unknown interface traces "NAME not found!!",
  *     so a successful add_root_qdisc does too.
  */
@@ -306,7 +307,9 @@ extern list_head qos_root;
  * root_type: R_...
  * root_param: the record of that type (pfifo_fast_root_param, class_root_param, prio_root_param).
  * HTB and HFSC start with class 1 at phy_tx, and below it class 2 at phy_tx with an SFQ leaf and
- * class 3 at link_tx; PRIO starts with one class per band, 1..bands.
+ * class 3 at link_tx; PRIO starts with one class per band, 1..bands. Where memory ends in that
+ * tree, the interface stays with what was built. Two names that are stored alike are two
+ * interfaces; lookups, those that build the second one's tree included, find the older.
  * Returns 0; 2 when the interface exists; 3 when out of memory or root_type is unknown.
  * Traces "Internel error occur at not define root qdisc type" for an unknown type. */
 int add_root_qdisc(const u32 *speeds, const char *ifname, u32 root_type, const void *root_param);
@@ -349,8 +352,9 @@ int check_Key(const char *ifname, u32 key);
  * The script is rewritten whole, mode 0700. It is refused, and left as it was, where it is a
  * symbolic link, no regular file, another user's or has another hard link.
  * Returns 1; 0 when the interface is unknown or the script cannot be opened. Write errors are not
- * reported. Traces "An error occur at not define leaf qdisc type" for an unknown leaf type, whose
- * script line stays open. */
+ * reported: on a full file system the script is cut short.
+ * Traces "An error occur at not define leaf qdisc type" for an unknown leaf type, whose script line
+ * stays open, and what renew_qos_rule traces. */
 int start_qos(const char *ifname);
 
 /* Writes /var/tmp/qos_stop: the commands that take tree and rules away. As start_qos. */
@@ -508,7 +512,8 @@ int get_sched_str(u8 index, char *buf, u32 size);
  * out: open for writing; stays the caller's. ifname: written as given. rules: a list of qos_rule.
  * Returns 0 always. Traces, per rule: "get QF_PROTOCOL match type" when it matches a protocol,
  * "LOG target not implement!!" for that target, and for a schedule that is missing
- * "schedule index not found!!" and "match buffer is too small or index not found, ...". */
+ * "schedule index not found!!" and "match buffer is too small or index not found, ...". For an
+ * unknown ifname, "NAME not found!!" at the end: it has no automark value. */
 int renew_qos_rule(FILE *out, const char *ifname, list_head *rules);
 
 /* Writes the commands that unlink, flush and delete an interface's chains.

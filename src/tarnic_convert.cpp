@@ -81,7 +81,7 @@ int strCmpNoCase(const char *a, const char *b)
 
 int ip2string(u32 ip, char *buf, int size)
 {
-    // One more than the longest address needs; callers' buffers are 17 by this rule.
+    // One byte more than the longest address and its NUL need, on purpose.
     constexpr int least = 17;
     if (size < least) {
         TRACE_FILE("buffer size too small!!\n");
@@ -104,8 +104,7 @@ int string2ip(const char *text, u32 *ip)
     return *ip == INADDR_NONE ? 1 : 0;
 }
 
-// Two straight pieces with a jump between -81 and -80 and another at -36: the figures that the
-// signal displays have always shown.
+// Two straight pieces; the jumps between -81 and -80 and between -37 and -36 are meant.
 int dbm2Rssi(int dbm)
 {
     if (dbm >= -36) return 100;

@@ -153,7 +153,7 @@ int add_qos_rule(const char *ifname, u8 index, const qos_match *match, const qos
     return 1;
 }
 
-// Not atomic: a refused replacement leaves the rule deleted, as daemons expect.
+// Not atomic, on purpose: a refused replacement leaves the old rule deleted.
 int modify_qos_rule(const char *ifname, u8 index, const qos_match *match, const qos_target *target)
 {
     return del_qos_rule(ifname, index) == 0 ? 0 : add_qos_rule(ifname, index, match, target);
@@ -194,7 +194,7 @@ int add_sched(const qos_sched *sched)
     if (sched->index == 0) return 0;
     qos_sched_node *fresh = allocate<qos_sched_node>().release();
     if (fresh == nullptr) return 0;
-    // Four fields and no more: stop_hour, start_min and stop_min stay 0, as they always have.
+    // Four fields and no more, on purpose: stop_hour, start_min and stop_min stay 0.
     fresh->sched.index = sched->index;
     fresh->sched.days = sched->days;
     fresh->sched.all_day = sched->all_day;
@@ -344,7 +344,7 @@ void add_match(text_writer &text, const qos_match &m, u32 kind)
     }
 }
 
-// Each bit selects the other's option, and deployed rules are written for that.
+// On purpose, each bit selects the other's option.
 void add_vlan(text_writer &text, const qos_match &m)
 {
     const bool prio = has(m.flags, QF_802_1P);
@@ -570,7 +570,7 @@ int restart_rule(const char *ifname)
     ::snprintf(path, sizeof path, "/var/tmp/qos_rule_%s", ifname);
     list_head *rules = find_rule_list_by_name(ifname);
     if (rules == nullptr) {
-        TRACE_CONSOLE("QoS struct not fuond!!\n");  // as consoles have always shown it
+        TRACE_CONSOLE("QoS struct not fuond!!\n");  // spelt so on purpose
         return 0;
     }
     stream_guard script = open_script(path);

@@ -19,6 +19,9 @@ extern const txt_map CurveTypeMap[];
 
 enum curve_id { curve_ul = 0, curve_sc = 1, curve_ls = 2, curve_rt = 3 };
 
+// The library's class records carry more than a qos_class (class_walk.h): what takes a list of
+// classes takes one that add_class or add_prio_classes has filled.
+
 // ---- Lookups -----------------------------------------------------------------------------------
 
 // The interface of exactly this name; null, with a trace, when there is none.

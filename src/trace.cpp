@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "guards.h"
+#include "plain_file.h"
 
 namespace mordel {
 namespace {
@@ -54,13 +55,16 @@ void write_line(int fd, const place &at, const char *format, va_list args)
     (void)!::write(fd, text, length);  // nobody to tell
 }
 
-// One trace: a sink that cannot be opened is skipped, and errno stays what the caller had.
+// One trace. A sink that cannot be opened is skipped, and so is a file that is not plain where only
+// that will do. errno stays what the caller had.
 void trace(const char *path, int flags, const place &at, const char *format, va_list args)
 {
     const int error = errno;
     {
         const fd_guard sink{::open(path, O_WRONLY | O_APPEND | O_NOCTTY | O_CLOEXEC | flags, 0644)};
-        if (sink) write_line(sink.get(), at, format, args);
+        struct stat st;
+        if (sink && ((flags & O_CREAT) == 0 || is_plain_file(sink.get(), &st)))
+            write_line(sink.get(), at, format, args);
     }
     errno = error;
 }
@@ -69,7 +73,8 @@ void trace(const char *path, int flags, const place &at, const char *format, va_
 
 void trace_file(const char *stem, int line, const char *function, const char *format, ...)
 {
-    // The directory is everybody's: no link is followed, and a planted FIFO must not hang us.
+    // The directory is everybody's: no link is followed, and a planted FIFO must neither hang nor
+    // signal us.
     va_list args;
     va_start(args, format);
     trace("/var/tmp/tarnic.log", O_CREAT | O_NOFOLLOW | O_NONBLOCK, {stem, line, function}, format,
@@ -79,7 +84,8 @@ void trace_file(const char *stem, int line, const char *function, const char *fo
 
 void trace_console(const char *stem, int line, const char *function, const char *format, ...)
 {
-    // Never created: a missing console must not become a file that grows.
+    // Never created: a missing console must not become a file that grows. Blocking, since a serial
+    // line is slower than a report and would lose it.
     va_list args;
     va_start(args, format);
     trace("/dev/console", 0, {stem, line, function}, format, args);

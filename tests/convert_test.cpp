@@ -270,7 +270,10 @@ TEST_F(ShellHelper, RunReturnsTheLengthOfTheCommandWhateverItsStatus)
     EXPECT_EQ(5, _system("false"));
     EXPECT_EQ(7, _system("exit %d", 77));
     EXPECT_EQ(12, _system("kill -9 \"%s\"", "$$"));
-    EXPECT_EQ(0, _system("%s", ""));
+    const test::watch watch;
+    EXPECT_EQ(0, _system("%s", ""));  // a command like any other
+    ASSERT_EQ(1U, watch.calls("system").size());
+    EXPECT_EQ("", watch.calls("system")[0].text);
 }
 
 TEST_F(ShellHelper, RunFormatsTheCommandAndHandsItToTheShellOnce)

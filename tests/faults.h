@@ -1,6 +1,5 @@
 // Calls of the C library, watched and made to fail. The test program is linked with --wrap for
-// calloc, malloc, open, write, close, fdopen, system and popen, so that no test hook stands in the
-// library itself.
+// those in CMakeLists.txt, so that no test hook stands in the library itself.
 #pragma once
 
 #include <map>
@@ -13,7 +12,7 @@ namespace test {
 struct call {
     std::string function;  // "open"
     std::string text;      // open: the path; write: the bytes; system, popen: the command
-    int fd = -1;           // open: what it returned; write, close: its argument
+    int fd = -1;           // open: what it returned; what takes one: its argument
     int flags = 0;         // open: its flags
 };
 
@@ -28,7 +27,7 @@ public:
     watch &operator=(const watch &) = delete;
 
     std::vector<call> calls(const std::string &function) const;
-    std::vector<call> calls() const;  // open, write, close, system and popen; not the allocations
+    std::vector<call> calls() const;  // of open, write, close, system and popen
     bool failed() const;              // whether the fault was reached
 };
 

@@ -598,6 +598,8 @@ struct script {
     bool traced;  // whether a file that cannot be opened is
 };
 
+void PrintTo(const script &each, std::ostream *out) { *out << each.name; }
+
 class ScriptFile : public RuleScriptRun, public testing::WithParamInterface<script> {
 protected:
     const std::string path = GetParam().path;
@@ -687,9 +689,38 @@ TEST_P(ScriptFile, IsOpenedOnceAndClosedOnExec)
     EXPECT_EQ(1, opened);
 }
 
+// Others may have opened it while they could, and would write to what root runs.
+TEST_P(ScriptFile, ThatOthersCouldWriteToIsReplaced)
+{
+    for (const mode_t mode : {0666U, 0620U, 0602U}) {
+        SCOPED_TRACE(mode);
+        test::write_file(path, "old\n");
+        ASSERT_EQ(0, ::chmod(path.c_str(), mode));
+        const int held = ::open(path.c_str(), O_WRONLY);
+        expect_written();
+        const std::string text = test::read_file(path);
+        EXPECT_EQ(4, ::pwrite(held, "id #", 4, 0));
+        ::close(held);
+        EXPECT_EQ(text, test::read_file(path));
+    }
+    const test::watch watch("unlink", 1, 13 /* EACCES */);
+    test::write_file(path, "old\n");
+    ASSERT_EQ(0, ::chmod(path.c_str(), 0666));
+    EXPECT_EQ(0, write());
+    EXPECT_EQ(refusal, test::console());
+    EXPECT_EQ("old\n", test::read_file(path));
+}
+
+TEST_P(ScriptFile, OnAFileSystemWithoutModesIsStillWritten)
+{
+    const test::watch watch("fchmod", 1, 1 /* EPERM */);
+    expect_written();
+    EXPECT_TRUE(watch.failed());
+}
+
 TEST_P(ScriptFile, ThatCannotBeOpenedIsLeftAlone)
 {
-    for (const char *function : {"open", "fdopen"}) {
+    for (const char *function : {"open", "fstat", "fdopen", "ftruncate"}) {
         SCOPED_TRACE(function);
         test::write_file(path, "old\n");
         ASSERT_EQ(0, ::chmod(path.c_str(), 0640));

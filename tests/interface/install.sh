@@ -7,10 +7,9 @@ source=$1 cc=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-cmake -S "$source" -B "$work/build" -DBUILD_TESTING=OFF -DCMAKE_C_COMPILER="$cc" \
-    -DCMAKE_INSTALL_PREFIX="$work/usr" >/dev/null
+cmake -S "$source" -B "$work/build" -DBUILD_TESTING=OFF -DCMAKE_C_COMPILER="$cc" >/dev/null
 cmake --build "$work/build" >/dev/null
-cmake --install "$work/build" >/dev/null
+cmake --install "$work/build" --prefix "$work/usr" >/dev/null
 
 # shellcheck disable=SC2016  # the backquotes are Markdown's
 sed -n '/^```c$/,/^```$/{/^```/d;p}' "$source/README.md" >"$work/program.c"
@@ -22,14 +21,8 @@ export PKG_CONFIG_PATH
     $(pkg-config --cflags --libs mordel) -Wl,-rpath,"$(pkg-config --variable=libdir mordel)" \
     -o "$work/program"
 
-# In a /var/tmp of its own
-cat >"$work/run" <<'END'
-mount -t tmpfs tmpfs /var/tmp
-touch /var/tmp/console && mount --bind /var/tmp/console /dev/console
-"$1" && sh -n /var/tmp/qos_start && cat /var/tmp/qos_start
-END
-own=-m
-[ "$(id -u)" = 0 ] || own=-rm
-unshare $own sh -e "$work/run" "$work/program" >"$work/script"
+# shellcheck disable=SC2016  # for the inner shell
+"$source/tests/private" sh -ec '"$1" && sh -n /var/tmp/qos_start && cat /var/tmp/qos_start' \
+    sh "$work/program" >"$work/script"
 grep -q '^tc qdisc add dev eth0 handle 1:0 root htb default 0x3$' "$work/script"
 echo "the README's program wrote a script of $(wc -l <"$work/script") lines"
