@@ -21,15 +21,8 @@ const traced too_small{"tarnic_convert", "ip2string", "buffer size too small!!"}
 
 // ---- Addresses ---------------------------------------------------------------------------------
 
-class AddressText : public test::mordel_test {
+class AddressText : public test::silent_test {
 protected:
-    void TearDown() override
-    {
-        EXPECT_EQ("", test::console_raw());
-        EXPECT_EQ("", test::log_raw());
-        test::mordel_test::TearDown();
-    }
-
     // The whole 80-byte buffer after ip2string, which held 'x' everywhere.
     static std::string printed(u32 ip, int size, int expected)
     {
@@ -237,15 +230,8 @@ TEST_F(SignalQuality, LevelsFarOutside)
 
 constexpr char ran[] = "/var/tmp/ran";  // what a command leaves that did run
 
-class ShellHelper : public test::mordel_test {
+class ShellHelper : public test::silent_test {
 protected:
-    void TearDown() override
-    {
-        EXPECT_EQ("", test::console_raw());
-        EXPECT_EQ("", test::log_raw());
-        test::mordel_test::TearDown();
-    }
-
     // A command of exactly `size` characters that leaves `ran`.
     static std::string command(size_t size)
     {

@@ -7,11 +7,12 @@
 
 namespace {
 
-using test::traced;
-using traces = std::vector<traced>;
 using mordel::draw_rule;
 using mordel::draw_target;
 using mordel::get_tcp_flag_str;
+using test::put;
+using test::traced;
+using test::traces;
 
 const traced protocol_seen = {"tarnic_iptables", "draw_rule", "get QF_PROTOCOL match type"};
 const traced log_seen = {"tarnic_iptables", "draw_target", "LOG target not implement!!"};
@@ -25,13 +26,6 @@ traced no_schedule_behind(size_t length)
 }
 
 class Rendering : public test::mordel_test {};
-
-template <size_t N>
-void put(char (&field)[N], std::string_view text)
-{
-    std::memset(field, 0, N);
-    std::memcpy(field, text.data(), text.size());
-}
 
 // No match kind in force and MARK as its one target, yet every field filled: what no flag asks for
 // must not show.

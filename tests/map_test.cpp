@@ -7,15 +7,7 @@
 
 namespace {
 
-class Map : public test::mordel_test {
-protected:
-    void TearDown() override
-    {
-        EXPECT_EQ("", test::console_raw());
-        EXPECT_EQ("", test::log_raw());
-        test::mordel_test::TearDown();
-    }
-};
+using Map = test::silent_test;
 
 // Duplicates of an id (7) and of a text ("TCP"), an empty id range, both ends of the range.
 constexpr txt_map texts[] = {

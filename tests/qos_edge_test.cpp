@@ -17,9 +17,8 @@
 
 namespace {
 
-using test::traced;
 using names = std::vector<std::string>;
-using traces = std::vector<traced>;
+using test::traces;
 
 // ---- Names stored alike ------------------------------------------------------------------------
 

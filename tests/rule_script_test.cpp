@@ -27,8 +27,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
+using test::not_found;
+using test::put;
 using test::traced;
-using traces = std::vector<traced>;
+using test::traces;
 
 const traced protocol_seen = {"tarnic_iptables", "draw_rule", "get QF_PROTOCOL match type"};
 const traced log_seen = {"tarnic_iptables", "draw_target", "LOG target not implement!!"};
@@ -37,18 +39,7 @@ const traced no_interface = {"tarnic_iptables", "restart_rule", "QoS struct not 
 
 constexpr char rule_script[] = "/var/tmp/qos_rule_eth0";
 
-traced not_found(const std::string &ifname)
-{
-    return {"tarnic_qos", "root_qdisc_find_by_name", ifname + " not found!!"};
-}
-
 constexpr u32 bit(unsigned n) { return 1U << n; }
-
-template <size_t N>
-void put(char (&field)[N], std::string_view text)
-{
-    std::memcpy(field, text.data(), text.size());
-}
 
 // The text with the interface's name in place of every @.
 std::string named(std::string_view text, const std::string &name)

@@ -11,8 +11,9 @@
 
 namespace {
 
+using test::not_found;
 using test::traced;
-using traces = std::vector<traced>;
+using test::traces;
 
 using row = std::pair<int, std::string>;
 using rows = std::vector<row>;
@@ -20,11 +21,6 @@ using rows = std::vector<row>;
 traced said(const char *function, const char *message)
 {
     return {"tarnic_iptables", function, message};
-}
-
-traced not_found(const std::string &ifname)
-{
-    return {"tarnic_qos", "root_qdisc_find_by_name", ifname + " not found!!"};
 }
 
 // The rows up to and with the closing one; one row too many or too few fails.

@@ -8,7 +8,7 @@
 namespace {
 
 using test::traced;
-using traces = std::vector<traced>;
+using test::traces;
 
 const traced missing = {"tarnic_iptables", "get_sched_str", "schedule index not found!!"};
 

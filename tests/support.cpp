@@ -104,9 +104,9 @@ std::vector<test::trace_line> parse(const std::string &text)
     return lines;
 }
 
-std::vector<test::traced> less_numbers(const std::vector<test::trace_line> &lines)
+test::traces less_numbers(const std::vector<test::trace_line> &lines)
 {
-    std::vector<test::traced> out;
+    test::traces out;
     for (const auto &l : lines) out.push_back({l.source, l.function, l.message});
     return out;
 }
@@ -131,12 +131,17 @@ std::ostream &operator<<(std::ostream &out, const traced &t)
     return out << t.source << ' ' << t.function << "(): " << t.message;
 }
 
+traced not_found(const std::string &ifname)
+{
+    return {"tarnic_qos", "root_qdisc_find_by_name", ifname + " not found!!"};
+}
+
 std::string console_raw() { return unseen(console_path, console_seen); }
 std::string log_raw() { return unseen(log_path, log_seen); }
 std::vector<trace_line> console_lines() { return parse(console_raw()); }
 std::vector<trace_line> log_lines() { return parse(log_raw()); }
-std::vector<traced> console() { return less_numbers(console_lines()); }
-std::vector<traced> trace_log() { return less_numbers(log_lines()); }
+traces console() { return less_numbers(console_lines()); }
+traces trace_log() { return less_numbers(log_lines()); }
 
 std::string written(const std::function<void(FILE *)> &write)
 {
@@ -219,6 +224,13 @@ void mordel_test::SetUp()
 }
 
 void mordel_test::TearDown() { delete_all(); }
+
+void silent_test::TearDown()
+{
+    EXPECT_EQ("", console_raw());
+    EXPECT_EQ("", log_raw());
+    mordel_test::TearDown();
+}
 
 }  // namespace test
 

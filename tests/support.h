@@ -7,8 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "mordel.h"
@@ -31,13 +33,17 @@ struct traced {
     bool operator==(const traced &) const = default;
 };
 std::ostream &operator<<(std::ostream &, const traced &);
+using traces = std::vector<traced>;
+
+// What every lookup of an unknown interface traces.
+traced not_found(const std::string &ifname);
 
 // The lines written to a sink since the last call (or the start of the test). A line that is not
 // "[%16s:%5d %16s()]:::message\n", exactly padded, fails the test.
 std::vector<trace_line> console_lines();
 std::vector<trace_line> log_lines();
-std::vector<traced> console();  // the same, for EXPECT_EQ with a list
-std::vector<traced> trace_log();
+traces console();  // the same, for EXPECT_EQ with a list
+traces trace_log();
 std::string console_raw();  // the bytes themselves
 std::string log_raw();
 
@@ -52,6 +58,15 @@ unsigned mode_of(const std::string &path);  // the permission bits, as 0700
 // Compares `text`, byte for byte, with tests/golden/NAME. MORDEL_BLESS=1 rewrites the file instead.
 void expect_golden(const std::string &name, const std::string &text);
 
+// Fills a char array with a text and zeros; a text of the array's length leaves no NUL.
+template <size_t N>
+void put(char (&field)[N], std::string_view text)
+{
+    ASSERT_LE(text.size(), N);
+    std::memset(field, 0, N);
+    std::memcpy(field, text.data(), text.size());
+}
+
 // Runs `sh -n` on a script; "" when the shell accepts it, else what it said.
 std::string shell_syntax(const std::string &path);
 
@@ -64,6 +79,12 @@ void on_a_small_stack(std::function<void()> body);
 class mordel_test : public testing::Test {
 protected:
     void SetUp() override;
+    void TearDown() override;
+};
+
+// For what keeps silent: what a test has not read of the sinks by its end fails it.
+class silent_test : public mordel_test {
+protected:
     void TearDown() override;
 };
 

@@ -16,8 +16,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
+using test::not_found;
 using test::traced;
-using traces = std::vector<traced>;
+using test::traces;
 
 constexpr char start_script[] = "/var/tmp/qos_start";
 constexpr char stop_script[] = "/var/tmp/qos_stop";
@@ -25,11 +26,6 @@ constexpr char stop_script[] = "/var/tmp/qos_stop";
 const std::string head = "#!/bin/sh\n#Generate by tarnic\n#Author: Ora Vel\n";
 const traced unknown_leaf = {"tarnic_qos", "do_leaf2cmd",
                              "An error occur at not define leaf qdisc type"};
-
-traced not_found(const std::string &ifname)
-{
-    return {"tarnic_qos", "root_qdisc_find_by_name", ifname + " not found!!"};
-}
 
 traced started(const std::string &ifname)
 {

@@ -226,11 +226,6 @@ inline leaf_qdisc red(u32 min, u32 max, u32 burst, u32 limit, u32 avpkt)
 
 // ---- Traces ------------------------------------------------------------------------------------
 
-inline traced not_found(const std::string &ifname)
-{
-    return {"tarnic_qos", "root_qdisc_find_by_name", ifname + " not found!!"};
-}
-
 inline traced undefined_root(const std::string &function)
 {
     return {"tarnic_qos", function, "Internel error occur at not define root qdisc type"};

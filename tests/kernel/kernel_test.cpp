@@ -587,12 +587,6 @@ std::vector<rule_row> protocol_rules()
     };
 }
 
-template <std::size_t size>
-void put(char (&field)[size], const char *text)
-{
-    std::snprintf(field, size, "%s", text);
-}
-
 qos_target tos_target()
 {
     qos_target t{};
@@ -627,16 +621,16 @@ std::vector<rule_row> refused_rules()
         {match(m_1p, [](qos_match &m) { m.vlan_id = 5; }),
          mark(3),
          {"-m VLAN --vlan-id 5 -j MARK --set-mark 0x3 "}},
-        {match(m_mac, [](qos_match &m) { put(m.src_mac, "00:11:22:33:44:55"); }),
+        {match(m_mac, [](qos_match &m) { test::put(m.src_mac, "00:11:22:33:44:55"); }),
          mark(3),
          {"-m mac --mac-source 00:11:22:33:44:55 -j MARK --set-mark 0x3 "}},
         {match(m_tos, [](qos_match &m) { m.tos = 16; }),
          mark(3),
          {"-m tos --tos Minimize-Delay --precedence 0 -j MARK --set-mark 0x3 "}},
-        {match(m_domain, [](qos_match &m) { put(m.domain, "example.org"); }),
+        {match(m_domain, [](qos_match &m) { test::put(m.domain, "example.org"); }),
          mark(3),
          {"-m domain --name \"example.org\" -j MARK --set-mark 0x3 "}},
-        {match(m_url, [](qos_match &m) { put(m.url, "/index"); }),
+        {match(m_url, [](qos_match &m) { test::put(m.url, "/index"); }),
          mark(3),
          {"-m urlfilter --url /index -j MARK --set-mark 0x3 "}},
         {match(0, [](qos_match &m) { m.sched_index = 3; }),
