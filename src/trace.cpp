@@ -55,16 +55,30 @@ void write_line(int fd, const place &at, const char *format, va_list args)
     (void)!::write(fd, text, length);  // nobody to tell
 }
 
-// One trace. A sink that cannot be opened is skipped, and so is a file that is not plain where only
-// that will do. errno stays what the caller had.
-void trace(const char *path, int flags, const place &at, const char *format, va_list args)
+struct sink {
+    const char *path;
+    int flags;        // besides those of both
+    bool plain_only;  // whether anything but a plain file is skipped
+};
+
+// The directory is everybody's: no link is followed, and a planted FIFO must neither hang nor
+// signal us.
+constexpr sink log_file = {"/var/tmp/tarnic.log", O_CREAT | O_NOFOLLOW | O_NONBLOCK, true};
+
+// Never created: a missing console must not become a file that grows. Blocking, since a serial line
+// is slower than a report and would lose it.
+constexpr sink console = {"/dev/console", 0, false};
+
+// One trace. A sink that cannot be opened is skipped; errno stays what the caller had.
+void trace(const sink &to, const place &at, const char *format, va_list args)
 {
     const int error = errno;
     {
-        const fd_guard sink{::open(path, O_WRONLY | O_APPEND | O_NOCTTY | O_CLOEXEC | flags, 0644)};
+        const fd_guard fd{
+            ::open(to.path, O_WRONLY | O_APPEND | O_NOCTTY | O_CLOEXEC | to.flags, 0644)};
         struct stat st;
-        if (sink && ((flags & O_CREAT) == 0 || is_plain_file(sink.get(), &st)))
-            write_line(sink.get(), at, format, args);
+        if (fd && (!to.plain_only || is_plain_file(fd.get(), &st)))
+            write_line(fd.get(), at, format, args);
     }
     errno = error;
 }
@@ -73,22 +87,17 @@ void trace(const char *path, int flags, const place &at, const char *format, va_
 
 void trace_file(const char *stem, int line, const char *function, const char *format, ...)
 {
-    // The directory is everybody's: no link is followed, and a planted FIFO must neither hang nor
-    // signal us.
     va_list args;
     va_start(args, format);
-    trace("/var/tmp/tarnic.log", O_CREAT | O_NOFOLLOW | O_NONBLOCK, {stem, line, function}, format,
-          args);
+    trace(log_file, {stem, line, function}, format, args);
     va_end(args);
 }
 
 void trace_console(const char *stem, int line, const char *function, const char *format, ...)
 {
-    // Never created: a missing console must not become a file that grows. Blocking, since a serial
-    // line is slower than a report and would lose it.
     va_list args;
     va_start(args, format);
-    trace("/dev/console", 0, {stem, line, function}, format, args);
+    trace(console, {stem, line, function}, format, args);
     va_end(args);
 }
 
