@@ -9,7 +9,7 @@
 
 #include "mordel.h"
 
-#define TRACE_STEM "tarnic_convert"
+#define TRACE_SOURCE tarnic_convert
 #include "trace.h"
 
 // ---- Id/text maps -------------------------------------------------------------------------------

@@ -12,7 +12,7 @@
 #include "script_file.h"
 #include "tarnic_qos.h"
 
-#define TRACE_STEM "tarnic_iptables"
+#define TRACE_SOURCE tarnic_iptables
 #include "trace.h"
 
 constinit list_head sched_root = {&sched_root, &sched_root};

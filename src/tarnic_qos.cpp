@@ -10,7 +10,7 @@
 #include "guards.h"
 #include "script_file.h"
 
-#define TRACE_STEM "tarnic_qos"
+#define TRACE_SOURCE tarnic_qos
 #include "trace.h"
 
 constinit list_head qos_root = {&qos_root, &qos_root};

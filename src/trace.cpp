@@ -17,9 +17,12 @@ namespace {
 // Most lines fit; a longer one (a caller's long name) goes through the heap.
 constexpr size_t usual_size = 256;
 
+// By trace_source
+constexpr char source_names[][16] = {"tarnic_convert", "tarnic_qos", "tarnic_iptables",
+                                     "tarnic_ipc", "tarnic_network"};
+
 struct place {
-    const char *stem;
-    int line;
+    unsigned source_and_line;
     const char *function;
 };
 
@@ -27,7 +30,8 @@ struct place {
 size_t format_line(char *text, size_t size, const place &at, const char *format, va_list args)
 {
     const int prefix =
-        ::snprintf(text, size, "[%16s:%5d %16s()]:::", at.stem, at.line, at.function);
+        ::snprintf(text, size, "[%16s:%5u %16s()]:::", source_names[at.source_and_line & 7],
+                   at.source_and_line >> 3, at.function);
     const int message =
         ::vsnprintf(text + prefix, size - static_cast<size_t>(prefix), format, args);
     return message < 0 ? 0 : static_cast<size_t>(prefix + message);
@@ -85,19 +89,19 @@ void trace(const sink &to, const place &at, const char *format, va_list args)
 
 }  // namespace
 
-void trace_file(const char *stem, int line, const char *function, const char *format, ...)
+void trace_file(unsigned place, const char *function, const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    trace(log_file, {stem, line, function}, format, args);
+    trace(log_file, {place, function}, format, args);
     va_end(args);
 }
 
-void trace_console(const char *stem, int line, const char *function, const char *format, ...)
+void trace_console(unsigned place, const char *function, const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    trace(console, {stem, line, function}, format, args);
+    trace(console, {place, function}, format, args);
     va_end(args);
 }
 
