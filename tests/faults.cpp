@@ -1,73 +1,129 @@
 #include "faults.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <set>
+
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
 
 namespace {
 
 struct state {
+    unsigned id;  // no other watch's, though its address may be
     std::string function;
     int nth;
     int error;
     int seen = 0;
     bool failed = false;
-    bool busy = false;  // our own bookkeeping allocates too
     std::vector<test::call> calls;
 };
 
-state *current;  // the living watch's
+// The living watch's. Without one no lock is taken: a thread that is cancelled anywhere, as the
+// dispatcher may be, must not take the lock with it.
+std::atomic<state *> current;
+std::mutex guard;
+thread_local bool busy;  // our own bookkeeping allocates too
 
-// Records the call; true when it is to fail.
-bool fails(const char *function, test::call call = {})
-{
-    if (current == nullptr || current->busy) return false;
-    current->busy = true;
-    call.function = function;
-    current->calls.push_back(std::move(call));
-    bool fail = false;
-    if (current->function == function) {
-        ++current->seen;
-        fail = current->nth == -1 || current->seen == current->nth;
-        if (fail) {
-            current->failed = true;
-            errno = current->error;
+std::atomic<time_t> fixed_time;  // 0: the real one
+
+// Records a call; `fail` tells whether it is to fail. `result` then notes the descriptor it made.
+class noted {
+public:
+    explicit noted(const char *function, test::call call = {})
+    {
+        if (busy || current.load() == nullptr) return;
+        busy = true;
+        {
+            const std::lock_guard lock(guard);
+            if (state *now = current.load(); now != nullptr) note(*now, function, std::move(call));
         }
+        busy = false;
+        if (fail) errno = error_;
     }
-    current->busy = false;
-    return fail;
-}
+    int result(int fd) const
+    {
+        if (!noted_) return fd;
+        const std::lock_guard lock(guard);
+        if (state *now = current.load(); now != nullptr && now->id == id_) now->calls[at_].fd = fd;
+        return fd;
+    }
+    int error() const { return error_; }
+    bool fail = false;
+
+private:
+    void note(state &now, const char *function, test::call call)
+    {
+        call.function = function;
+        at_ = now.calls.size();
+        id_ = now.id;
+        noted_ = true;
+        now.calls.push_back(std::move(call));
+        if (now.function != function) return;
+        ++now.seen;
+        fail = now.nth == -1 || now.seen == now.nth;
+        error_ = now.error;
+        if (fail) now.failed = true;
+    }
+
+    bool noted_ = false;
+    size_t at_ = 0;
+    unsigned id_ = 0;
+    int error_ = 0;
+};
 
 }  // namespace
+
+// A function that fails with -1, watched: its declaration, then how a call is recorded and made.
+#define WATCHED_INT(name, parameters, record, arguments) \
+    int __real_##name parameters;                        \
+    int __wrap_##name parameters                         \
+    {                                                    \
+        const noted call(#name, record);                 \
+        return call.fail ? -1 : __real_##name arguments; \
+    }
+
+// A pthread function, which returns its error.
+#define WATCHED_PTHREAD(name, parameters, arguments)               \
+    int __real_##name parameters;                                  \
+    int __wrap_##name parameters                                   \
+    {                                                              \
+        const noted call(#name);                                   \
+        return call.fail ? call.error() : __real_##name arguments; \
+    }
+
+#define ON_FD test::call({"", "", fd, 0})
 
 extern "C" {
 
 void *__real_calloc(size_t, size_t);
-void *__real_malloc(size_t);
-int __real_open(const char *, int, ...);
-ssize_t __real_write(int, const void *, size_t);
-int __real_close(int);
-FILE *__real_fdopen(int, const char *);
-int __real_fstat(int, struct stat *);
-int __real_ftruncate(int, off_t);
-int __real_fchmod(int, mode_t);
-int __real_unlink(const char *);
-int __real_system(const char *);
-FILE *__real_popen(const char *, const char *);
-
 void *__wrap_calloc(size_t n, size_t size)
 {
-    return fails("calloc") ? nullptr : __real_calloc(n, size);
+    return noted("calloc").fail ? nullptr : __real_calloc(n, size);
 }
 
-void *__wrap_malloc(size_t size) { return fails("malloc") ? nullptr : __real_malloc(size); }
+void *__real_malloc(size_t);
+void *__wrap_malloc(size_t size) { return noted("malloc").fail ? nullptr : __real_malloc(size); }
 
+// ---- Files --------------------------------------------------------------------------------------
+
+int __real_open(const char *, int, ...);
 int __wrap_open(const char *path, int flags, ...)
 {
     mode_t mode = 0;
@@ -77,54 +133,164 @@ int __wrap_open(const char *path, int flags, ...)
         mode = va_arg(args, mode_t);
         va_end(args);
     }
-    if (fails("open", {"", path, -1, flags})) return -1;
-    const int fd = __real_open(path, flags, mode);
-    if (current != nullptr && !current->busy) current->calls.back().fd = fd;
-    return fd;
+    const noted call("open", {"", path, -1, flags});
+    return call.fail ? -1 : call.result(__real_open(path, flags, mode));
 }
 
+ssize_t __real_write(int, const void *, size_t);
 ssize_t __wrap_write(int fd, const void *bytes, size_t size)
 {
-    if (fails("write", {"", std::string(static_cast<const char *>(bytes), size), fd, 0})) return -1;
-    return __real_write(fd, bytes, size);
+    const noted call("write", {"", std::string(static_cast<const char *>(bytes), size), fd, 0});
+    return call.fail ? -1 : __real_write(fd, bytes, size);
 }
 
-int __wrap_close(int fd) { return fails("close", {"", "", fd, 0}) ? -1 : __real_close(fd); }
+FILE *__real_fopen(const char *, const char *);
+FILE *__wrap_fopen(const char *path, const char *mode)
+{
+    const noted call("fopen", {"", std::string(path) + " " + mode, -1, 0});
+    return call.fail ? nullptr : __real_fopen(path, mode);
+}
 
+FILE *__real_fdopen(int, const char *);
 FILE *__wrap_fdopen(int fd, const char *mode)
 {
-    return fails("fdopen", {"", mode, fd, 0}) ? nullptr : __real_fdopen(fd, mode);
+    const noted call("fdopen", {"", mode, fd, 0});
+    return call.fail ? nullptr : __real_fdopen(fd, mode);
 }
 
-int __wrap_fstat(int fd, struct stat *st)
-{
-    return fails("fstat", {"", "", fd, 0}) ? -1 : __real_fstat(fd, st);
-}
+WATCHED_INT(close, (int fd), ON_FD, (fd))
+WATCHED_INT(fstat, (int fd, struct stat *st), ON_FD, (fd, st))
+WATCHED_INT(ftruncate, (int fd, off_t size), ON_FD, (fd, size))
+WATCHED_INT(fchmod, (int fd, mode_t mode), ON_FD, (fd, mode))
+WATCHED_INT(unlink, (const char *path), test::call({"", path, -1, 0}), (path))
+WATCHED_INT(rename, (const char *from, const char *to),
+            test::call({"", std::string(from) + " " + to, -1, 0}), (from, to))
 
-int __wrap_ftruncate(int fd, off_t size)
-{
-    return fails("ftruncate", {"", "", fd, 0}) ? -1 : __real_ftruncate(fd, size);
-}
+// ---- The shell ----------------------------------------------------------------------------------
 
-int __wrap_fchmod(int fd, mode_t mode)
-{
-    return fails("fchmod", {"", "", fd, 0}) ? -1 : __real_fchmod(fd, mode);
-}
+WATCHED_INT(system, (const char *command),
+            test::call({"", command == nullptr ? "" : command, -1, 0}), (command))
 
-int __wrap_unlink(const char *path)
-{
-    return fails("unlink", {"", path, -1, 0}) ? -1 : __real_unlink(path);
-}
-
-int __wrap_system(const char *command)
-{
-    return fails("system", {"", command == nullptr ? "" : command, -1, 0}) ? -1
-                                                                           : __real_system(command);
-}
-
+FILE *__real_popen(const char *, const char *);
 FILE *__wrap_popen(const char *command, const char *mode)
 {
-    return fails("popen", {"", command, -1, 0}) ? nullptr : __real_popen(command, mode);
+    const noted call("popen", {"", command, -1, 0});
+    return call.fail ? nullptr : __real_popen(command, mode);
+}
+
+// ---- Sockets ------------------------------------------------------------------------------------
+
+int __real_socket(int, int, int);
+int __wrap_socket(int family, int type, int protocol)
+{
+    const noted call("socket", {"", "", -1, type});
+    return call.fail ? -1 : call.result(__real_socket(family, type, protocol));
+}
+
+int __real_accept4(int, struct sockaddr *, socklen_t *, int);
+int __wrap_accept4(int fd, struct sockaddr *address, socklen_t *length, int flags)
+{
+    const noted call("accept4", {"", "", -1, flags});
+    return call.fail ? -1 : call.result(__real_accept4(fd, address, length, flags));
+}
+
+int __real_ioctl(int, unsigned long, ...);
+int __wrap_ioctl(int fd, unsigned long request, ...)
+{
+    va_list args;
+    va_start(args, request);
+    void *arg = va_arg(args, void *);
+    va_end(args);
+    const noted call("ioctl", {"", "", fd, static_cast<int>(request)});
+    return call.fail ? -1 : __real_ioctl(fd, request, arg);
+}
+
+WATCHED_INT(setsockopt, (int fd, int level, int name, const void *value, socklen_t length), ON_FD,
+            (fd, level, name, value, length))
+WATCHED_INT(getsockopt, (int fd, int level, int name, void *value, socklen_t *length), ON_FD,
+            (fd, level, name, value, length))
+WATCHED_INT(bind, (int fd, const struct sockaddr *address, socklen_t length), ON_FD,
+            (fd, address, length))
+WATCHED_INT(listen, (int fd, int backlog), ON_FD, (fd, backlog))
+WATCHED_INT(connect, (int fd, const struct sockaddr *address, socklen_t length), ON_FD,
+            (fd, address, length))
+WATCHED_INT(select,
+            (int count, fd_set *readable, fd_set *writable, fd_set *urgent, struct timeval *wait),
+            test::call(), (count, readable, writable, urgent, wait))
+
+ssize_t __real_recvfrom(int, void *, size_t, int, struct sockaddr *, socklen_t *);
+ssize_t __wrap_recvfrom(int fd, void *bytes, size_t size, int flags, struct sockaddr *address,
+                        socklen_t *length)
+{
+    const int room = length == nullptr ? -1 : static_cast<int>(*length);
+    const noted call("recvfrom", {"", "", fd, room});
+    return call.fail ? -1 : __real_recvfrom(fd, bytes, size, flags, address, length);
+}
+
+// ---- IPC ----------------------------------------------------------------------------------------
+
+WATCHED_INT(semget, (key_t key, int count, int flags), test::call({"", "", -1, flags}),
+            (key, count, flags))
+WATCHED_INT(shmget, (key_t key, size_t size, int flags), test::call({"", "", -1, flags}),
+            (key, size, flags))
+
+union semctl_argument {
+    int value;
+    void *pointer;
+};
+int __real_semctl(int, int, int, ...);
+int __wrap_semctl(int id, int number, int command, ...)
+{
+    va_list args;
+    va_start(args, command);
+    const semctl_argument argument = va_arg(args, semctl_argument);
+    va_end(args);
+    const noted call("semctl", {"", "", -1, command});
+    return call.fail ? -1 : __real_semctl(id, number, command, argument);
+}
+
+// A System V lock orders what is done under it, which ThreadSanitizer has to be told.
+int __real_semop(int, struct sembuf *, size_t);
+int __wrap_semop(int id, struct sembuf *operations, size_t count)
+{
+    const noted call("semop", {"", "", -1, operations->sem_op});
+    if (call.fail) return -1;
+#if defined(__SANITIZE_THREAD__)
+    static char locks[64];
+    char *lock = &locks[static_cast<unsigned>(id) % sizeof locks];
+    if (operations->sem_op > 0) __tsan_release(lock);
+    const int result = __real_semop(id, operations, count);
+    if (operations->sem_op < 0 && result == 0) __tsan_acquire(lock);
+    return result;
+#else
+    return __real_semop(id, operations, count);
+#endif
+}
+
+// ---- Threads ------------------------------------------------------------------------------------
+
+WATCHED_PTHREAD(pthread_create,
+                (pthread_t * thread, const pthread_attr_t *attr, void *(*body)(void *), void *arg),
+                (thread, attr, body, arg))
+WATCHED_PTHREAD(pthread_setcancelstate, (int state, int *old), (state, old))
+WATCHED_PTHREAD(pthread_setcanceltype, (int type, int *old), (type, old))
+
+unsigned __real_sleep(unsigned);
+unsigned __wrap_sleep(unsigned seconds)
+{
+    const noted call("sleep", {"", "", -1, static_cast<int>(seconds)});
+    return call.fail ? seconds : __real_sleep(seconds);
+}
+
+// ---- Time ---------------------------------------------------------------------------------------
+
+time_t __real_time(time_t *);
+time_t __wrap_time(time_t *out)
+{
+    const time_t fixed = fixed_time.load();
+    if (fixed == 0) return __real_time(out);
+    if (out != nullptr) *out = fixed;
+    return fixed;
 }
 
 }  // extern "C"
@@ -133,37 +299,43 @@ namespace test {
 
 watch::watch(std::string function, int nth, int error)
 {
-    current = new state{std::move(function), nth, error, 0, false, false, {}};
+    static unsigned ids;
+    current = new state{++ids, std::move(function), nth, error, 0, false, {}};
 }
 
 watch::~watch()
 {
-    state *mine = current;
-    current = nullptr;
-    delete mine;
+    const std::lock_guard lock(guard);
+    delete current.exchange(nullptr);
 }
 
 std::vector<call> watch::calls(const std::string &function) const
 {
-    current->busy = true;
+    const std::lock_guard lock(guard);
     std::vector<call> some;
-    for (const auto &c : current->calls)
+    for (const auto &c : current.load()->calls)
         if (c.function == function) some.push_back(c);
-    current->busy = false;
     return some;
 }
 
 std::vector<call> watch::calls() const
 {
-    current->busy = true;
+    const std::lock_guard lock(guard);
     static const std::set<std::string> shown = {"open", "write", "close", "system", "popen"};
     std::vector<call> some;
-    for (const auto &c : current->calls)
+    for (const auto &c : current.load()->calls)
         if (shown.contains(c.function)) some.push_back(c);
-    current->busy = false;
     return some;
 }
 
-bool watch::failed() const { return current->failed; }
+bool watch::failed() const
+{
+    const std::lock_guard lock(guard);
+    return current.load()->failed;
+}
+
+clock_at::clock_at(time_t now) { set(now); }
+clock_at::~clock_at() { set(0); }
+void clock_at::set(time_t now) { fixed_time = now; }
 
 }  // namespace test

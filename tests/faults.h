@@ -2,6 +2,7 @@
 // those in CMakeLists.txt, so that no test hook stands in the library itself.
 #pragma once
 
+#include <ctime>
 #include <map>
 #include <string>
 #include <vector>
@@ -11,14 +12,18 @@ namespace test {
 // One watched call, in order.
 struct call {
     std::string function;  // "open"
-    std::string text;      // open: the path; write: the bytes; system, popen: the command
-    int fd = -1;           // open: what it returned; what takes one: its argument
-    int flags = 0;         // open: its flags
+    std::string text;      // open, unlink: the path; fopen: "PATH MODE"; rename: "FROM TO";
+                           // write: the bytes; system, popen: the command
+    int fd = -1;           // open, socket, accept4: what it returned; what takes one: its argument
+    int flags = 0;         // open: its flags; socket: its type; ioctl: its request;
+                           // recvfrom: the room for an address, -1 without one;
+                           // sleep: the seconds
 };
 
 // While it lives, calls of the wrapped functions are recorded, and the nth call of `function`
-// (counted from 1, from when the watch began) fails as that function does: null or -1, with
-// errno `error`. nth 0 fails none; nth -1 fails every one. The rest reach the C library.
+// (counted from 1, from when the watch began) fails as that function does: null or -1 with errno
+// `error`, or, of the pthread functions, `error` itself. nth 0 fails none; nth -1 fails every one.
+// The rest reach the C library. Calls of every thread count; one watch lives at a time.
 class watch {
 public:
     explicit watch(std::string function = "", int nth = 0, int error = 12 /* ENOMEM */);
@@ -29,6 +34,16 @@ public:
     std::vector<call> calls(const std::string &function) const;
     std::vector<call> calls() const;  // of open, write, close, system and popen
     bool failed() const;              // whether the fault was reached
+};
+
+// While it lives, time() tells what it is set to.
+class clock_at {
+public:
+    explicit clock_at(time_t now);
+    ~clock_at();
+    clock_at(const clock_at &) = delete;
+    clock_at &operator=(const clock_at &) = delete;
+    static void set(time_t now);
 };
 
 }  // namespace test

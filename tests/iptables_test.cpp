@@ -32,27 +32,7 @@ class Rendering : public test::mordel_test {};
 qos_rule full_rule()
 {
     qos_rule rule{};
-    qos_match &m = rule.match;
-    m.dot1p_prio = 5;
-    m.vlan_id = 100;
-    put(m.src_mac, "00:11:22:33:44:55");
-    m.src_ip_start = 0x0a000001;
-    m.src_ip_end = 0x0a000063;
-    m.dst_ip_start = 0xc0a80102;
-    m.dst_ip_end = 0xc0a8fffe;
-    m.dscp_value.raw = 46;
-    m.tos = 16;
-    m.precedence = 7;
-    m.sport_start = 1024;
-    m.sport_end = 65535;
-    m.dport_start = 80;
-    m.dport_end = 443;
-    m.tcp_flag_mask = 0x3f;
-    m.tcp_flag_comp = 0x02;
-    m.pkt_len = 0x00400578;
-    m.alg = 2;
-    put(m.url, "example.org/a");
-    put(m.domain, "example.org");
+    rule.match = test::full_match();
     rule.target.flags = 1U << mordel::target_mark;
     rule.target.mark = 0x10;
     rule.target.kind = 1;

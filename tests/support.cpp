@@ -1,20 +1,25 @@
 #include "support.h"
 
 #include <fcntl.h>
+#include <net/if.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string_view>
+#include <thread>
 
 namespace fs = std::filesystem;
 
@@ -46,6 +51,17 @@ bool become_root()
            write_text("/proc/self/gid_map", "0 " + gid + " 1");
 }
 
+bool loopback_up()
+{
+    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    struct ifreq request {};
+    std::strcpy(request.ifr_name, "lo");
+    request.ifr_flags = IFF_UP;
+    const bool ok = ::ioctl(fd, SIOCSIFFLAGS, &request) == 0;
+    ::close(fd);
+    return ok;
+}
+
 bool enter_namespaces()
 {
     const auto fail = [](const char *what) {
@@ -61,6 +77,7 @@ bool enter_namespaces()
     }
     if (::mount(private_console, console_path, nullptr, MS_BIND, nullptr) != 0)
         return fail(console_path);
+    if (!loopback_up()) return fail("loopback");
     return true;
 }
 
@@ -187,6 +204,32 @@ void expect_golden(const std::string &name, const std::string &text)
     EXPECT_EQ(read_file(path), text) << "differs from " << path << " (MORDEL_BLESS=1 rewrites it)";
 }
 
+qos_match full_match()
+{
+    qos_match m{};
+    m.dot1p_prio = 5;
+    m.vlan_id = 100;
+    put(m.src_mac, "00:11:22:33:44:55");
+    m.src_ip_start = 0x0a000001;
+    m.src_ip_end = 0x0a000063;
+    m.dst_ip_start = 0xc0a80102;
+    m.dst_ip_end = 0xc0a8fffe;
+    m.dscp_value.raw = 46;
+    m.tos = 16;
+    m.precedence = 7;
+    m.sport_start = 1024;
+    m.sport_end = 65535;
+    m.dport_start = 80;
+    m.dport_end = 443;
+    m.tcp_flag_mask = 0x3f;
+    m.tcp_flag_comp = 0x02;
+    m.pkt_len = 0x00400578;
+    m.alg = 2;
+    put(m.url, "example.org/a");
+    put(m.domain, "example.org");
+    return m;
+}
+
 std::string shell_syntax(const std::string &path)
 {
     const std::string said = "/var/tmp/.syntax";
@@ -194,6 +237,28 @@ std::string shell_syntax(const std::string &path)
     const int status = std::system(run.c_str());
     const std::string text = read_file(said);
     return status == 0 ? text : "exit status " + std::to_string(status) + ": " + text;
+}
+
+void shell(const std::string &command)
+{
+    const std::string said = "/var/tmp/.shell";
+    const int status = std::system(("{ " + command + "; } > " + said + " 2>&1").c_str());
+    EXPECT_EQ(0, status) << command << "\n" << read_file(said);
+}
+
+bool eventually(const std::function<bool()> &holds)
+{
+    for (int i = 0; i < 1000; ++i) {
+        if (holds()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return holds();
+}
+
+size_t open_descriptors()
+{
+    // Less the one that reads the directory
+    return static_cast<size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), {})) - 1;
 }
 
 void on_a_small_stack(std::function<void()> body)

@@ -1,7 +1,8 @@
 // What the tests share: private namespaces, the two trace sinks read back, scripts read back.
 //
 // main() (in support.cpp) moves the whole test program into private mount, network and IPC
-// namespaces before the first test: /var/tmp is an empty tmpfs, /dev/console a private file.
+// namespaces before the first test: /var/tmp is an empty tmpfs, /dev/console a private file, and of
+// interfaces there is the loopback alone, which is up.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -67,8 +68,20 @@ void put(char (&field)[N], std::string_view text)
     std::memcpy(field, text.data(), text.size());
 }
 
+// A match with no kind in force, yet every field filled: what no flag asks for must not show.
+qos_match full_match();
+
 // Runs `sh -n` on a script; "" when the shell accepts it, else what it said.
 std::string shell_syntax(const std::string &path);
+
+// Runs a shell command that must succeed; what it said is shown when it does not.
+void shell(const std::string &command);
+
+// Waits, at most ten seconds, until something holds. False when it never did.
+bool eventually(const std::function<bool()> &holds);
+
+// The descriptors that this process has open.
+size_t open_descriptors();
 
 // Runs a body in a thread of a 64 KiB stack (more where the host's threads take no less, and under
 // the sanitizers, whose frames are larger). The body asserts nothing: no room for that.
