@@ -8,16 +8,17 @@
  *     passed in are copied; the caller keeps what it passed.
  *  2. A name given to a function is an interface name, compared exactly. Of a longer one the first
  *     31 characters are stored, and only they find it again.
- *  3. Nothing here takes a lock: callers serialise all calls that share a list, an interface, the
- *     rules or the schedules, readers included. The list and map functions, the conversions and
- *     the shell helpers keep no state and may run on any thread.
+ *  3. Nothing here takes a lock: callers serialise all calls that
+ *     share a list, an interface, the rules or the schedules, readers included. All
+ *     other functions keep no state and may run on any thread.
  *  4. Status codes differ between the families; each family says its own. No function reports
  *     through errno.
  *  5. Diagnostics are trace lines "[source: line function()]:::message", appended to
- *     /var/tmp/tarnic.log (conversions) or /dev/console (tree, rules, schedules), one write each.
- *     A sink that cannot be opened is skipped. "Traces" below names the message.
+ *     /var/tmp/tarnic.log (conversions) or /dev/console (tree, rules, schedules),
+ *     one write each. A sink that cannot be opened is skipped. "Traces" below names the message.
  *  6. Texts that reach a script are written as they are, unquoted: whoever fills a record from
  *     outside input checks it first.
+ *  7. Descriptors that the library opens are close-on-exec.
  */
 #ifndef MORDEL_H
 #define MORDEL_H
@@ -369,6 +370,12 @@ int restart_qos(const char *ifname);
  * Traces "Start NAME's Qos!!" for each, or "Qos list empty!!". */
 int restart_qos_all(void);
 
+/* Prints an interface's tree to the console: a line per interface property, then for each class in
+ * pre-order its line (three for HFSC, none for PRIO) and, for a leaf class, its leaf qdisc's. Every
+ * line is a trace. For an unknown interface: "NAME not found!!", "didn't found qos setting in this
+ * interface!". */
+void show_ifqos(const char *ifname);
+
 /* ---- Classification rules -------------------------------------------------------------------
  * Each interface owns a list of rules, ordered by index; each says which packets to pick (match)
  * and what to do with them (target). They are rendered as commands of iptables' mangle table, in
@@ -526,6 +533,11 @@ int remove_qos_rule(FILE *out, const char *ifname);
  * be opened. Traces "QoS struct not fuond!!" or "Can't open tmp file!!", and what
  * renew_qos_rule traces. */
 int restart_rule(const char *ifname);
+
+/* Prints an interface's rules, in ascending index, to the console: per rule its index, then what it
+ * matches and what it does, field by field. Every line is a trace. For an unknown interface:
+ * "NAME not found!!", "QoS tree not found, no rule found!!". */
+void show_rule(const char *ifname);
 
 #pragma GCC visibility pop
 

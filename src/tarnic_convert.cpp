@@ -145,7 +145,7 @@ FILE *_system_read(const char *format, ...)
     va_start(args, format);
     const command cmd(format, args);
     va_end(args);
-    return cmd.fits() ? ::popen(cmd.text, "r") : nullptr;
+    return cmd.fits() ? ::popen(cmd.text, "re") : nullptr;
 }
 
 int _system_close(FILE *stream) { return stream == nullptr ? 0 : ::pclose(stream); }

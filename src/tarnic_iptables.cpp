@@ -69,9 +69,6 @@ namespace {
 constexpr u32 days_of_week = 7;
 constexpr u32 tcp_flags = 6;
 
-// The one place where an unsigned id meets the signed ids of the maps.
-const char *name_of(const txt_map *map, u32 id) { return TxtMapById(map, static_cast<int>(id)); }
-
 constexpr bool has(u32 flags, u32 bit) { return (flags >> bit & 1) != 0; }
 
 // A text that grows by formatted pieces in a buffer of its owner's, and never past it.
@@ -290,14 +287,15 @@ void add_tcp_flags(text_writer &text, const qos_match &m)
     text.add("--tcp-flag %s %s ", mask, comp);
 }
 
+struct dotted {
+    char text[17];
+    explicit dotted(u32 ip) { (void)ip2string(ip, text, sizeof text); }
+};
+
 // A range with both ends set.
 void add_ip_range(text_writer &text, const char *option, u32 start, u32 end)
 {
-    char from[17];
-    char to[17];
-    (void)ip2string(start, from, sizeof from);
-    (void)ip2string(end, to, sizeof to);
-    text.add("%s %s-%s ", option, from, to);
+    text.add("%s %s-%s ", option, dotted(start).text, dotted(end).text);
 }
 
 void add_ip_ranges(text_writer &text, const qos_match &m)
@@ -582,4 +580,100 @@ int restart_rule(const char *ifname)
     script.reset();  // closed before it runs: a file open for writing cannot be executed
     (void)_system("%s", path);
     return 1;
+}
+
+// ---- Report -------------------------------------------------------------------------------------
+
+namespace mordel {
+
+// Priority and VLAN id stand with their own bits here, unlike in the rendered rule.
+void show_match(const qos_match *match)
+{
+    const qos_match &m = *match;
+    if (has(m.flags, QF_802_1P)) TRACE_CONSOLE("802.1p priority:  %d\n", m.dot1p_prio);
+    if (has(m.flags, QF_802_1Q)) TRACE_CONSOLE("802.1q vlanid:    %d\n", m.vlan_id);
+    if (has(m.flags, QF_MAC)) TRACE_CONSOLE("src MAC Addr:     %.20s\n", m.src_mac);
+    if (has(m.flags, QF_IP)) {
+        const dotted src[] = {dotted(m.src_ip_start), dotted(m.src_ip_end)};
+        const dotted dst[] = {dotted(m.dst_ip_start), dotted(m.dst_ip_end)};
+        TRACE_CONSOLE("ip range src/dst: %s~%s / %s~%s\n", src[0].text, src[1].text, dst[0].text,
+                      dst[1].text);
+    }
+    if (has(m.flags, QF_DSCP) && m.dscp_mode == 0)
+        TRACE_CONSOLE("DSCP:             0x%x\n", m.dscp_value.raw);
+    if (has(m.flags, QF_DSCP) && m.dscp_mode == 1)
+        TRACE_CONSOLE("DSCP:             %s\n", name_of(DscpClassStrMap, m.dscp_value.class_id));
+    if (has(m.flags, QF_TOS))
+        TRACE_CONSOLE("Precedence/TOS:   0x%x/%s\n", m.precedence, name_of(TosStrMap, m.tos));
+    if (has(m.flags, QF_ALG)) TRACE_CONSOLE("Match ALG:        %s\n", name_of(AlgStrMap, m.alg));
+    if (has(m.flags, QF_PKTLEN))
+        TRACE_CONSOLE("Packet length:    %u~%u\n", m.pkt_len >> 16, m.pkt_len & 0xffff);
+    if (has(m.flags, QF_PROTOCOL)) {
+        switch (m.protocol) {
+        case proto_tcp: {
+            char mask[flag_text_size];
+            char comp[flag_text_size];
+            get_tcp_flag_str(mask, m.tcp_flag_mask);
+            get_tcp_flag_str(comp, m.tcp_flag_comp);
+            TRACE_CONSOLE("TCP Port/flag:    src:%u~%u dst:%u~%u %s %s \n", m.sport_start,
+                          m.sport_end, m.dport_start, m.dport_end, mask, comp);
+            break;
+        }
+        case proto_udp:
+            TRACE_CONSOLE("UDP Port:         src:%u~%u dst:%u~%u\n", m.sport_start, m.sport_end,
+                          m.dport_start, m.dport_end);
+            break;
+        case proto_icmp:
+            TRACE_CONSOLE("ICMP:\n");
+            break;
+        case proto_both:
+            TRACE_CONSOLE("Both Port:        src:%u~%u dst:%u~%u\n", m.sport_start, m.sport_end,
+                          m.dport_start, m.dport_end);
+            break;
+        case proto_all:
+            TRACE_CONSOLE("ALL:\n");
+            break;
+        default:
+            break;
+        }
+    }
+    if (has(m.flags, QF_DOMAIN)) TRACE_CONSOLE("Domain String:    %.256s\n", m.domain);
+    if (has(m.flags, QF_URL)) TRACE_CONSOLE("URL String:       %.256s\n", m.url);
+    char time[sched_text_size];
+    if (m.sched_index != 0 && get_sched_str(m.sched_index, time, sizeof time) == 1)
+        TRACE_CONSOLE("Time String:      %s\n", time);
+}
+
+void show_target(const qos_target *target)
+{
+    const qos_target &t = *target;
+    if (has(t.flags, target_mark)) TRACE_CONSOLE("Set Mark:         %d\n", t.mark);
+    if (has(t.flags, target_tos))
+        TRACE_CONSOLE("Precedence/TOS:   0x%x/%s\n", t.value.raw, name_of(TosStrMap, t.kind));
+    if (has(t.flags, target_dscp) && t.kind == 0)
+        TRACE_CONSOLE("DSCP:             0x%x\n", t.value.raw);
+    if (has(t.flags, target_dscp) && t.kind == 1)
+        TRACE_CONSOLE("DSCP:             %s\n", name_of(DscpClassStrMap, t.value.class_id));
+    if (has(t.flags, target_mkvlan))
+        TRACE_CONSOLE("Vlan Tag 1p/q:    %d/%d\n", t.vlan_prio, t.vlan_id);
+    // The wish itself, whether or not its bit is set
+    if (t.log != 0) TRACE_CONSOLE("Log:              Yes\n");
+}
+
+}  // namespace mordel
+
+void show_rule(const char *ifname)
+{
+    const list_head *rules = find_rule_list_by_name(ifname);
+    if (rules == nullptr) {
+        TRACE_CONSOLE("QoS tree not found, no rule found!!\n");
+        return;
+    }
+    for (const qos_rule &rule : each<&qos_rule::node>(*rules)) {
+        TRACE_CONSOLE("Qos Rule%3d:\n", rule.index);
+        TRACE_CONSOLE("===============MATCH===============\n");
+        show_match(&rule.match);
+        TRACE_CONSOLE("===============TARGET==============\n");
+        show_target(&rule.target);
+    }
 }

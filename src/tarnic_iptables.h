@@ -62,4 +62,9 @@ void flush_rule_chains(FILE *out, const char *prefix, const char *ifname);
 void delete_rule_chains(FILE *out, const char *prefix, const char *ifname);
 void renew_rule_chains(FILE *out, const char *prefix, const char *ifname);
 
+// ---- Report ------------------------------------------------------------------------------------
+
+void show_match(const qos_match *match);
+void show_target(const qos_target *target);
+
 }  // namespace mordel

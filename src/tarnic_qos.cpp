@@ -181,7 +181,7 @@ int add_root_qdisc(const u32 *speeds, const char *ifname, u32 root_type, const v
     fresh->link_rx = speeds[1];
     fresh->phy_tx = speeds[2];
     fresh->phy_rx = speeds[3];
-    ::memcpy(fresh->ifname, ifname, ::strnlen(ifname, sizeof fresh->ifname - 1));
+    ::strncpy(fresh->ifname, ifname, sizeof fresh->ifname - 1);
     fresh->root_type = root_type;
     list_init(&fresh->classes);
     list_init(&fresh->rules);
@@ -441,4 +441,111 @@ int restart_qos_all(void)
         TRACE_CONSOLE("Start %s's Qos!!\n", rec.ifname);
     }
     return 0;
+}
+
+// ---- Report -------------------------------------------------------------------------------------
+
+namespace mordel {
+
+void show_leaf(const leaf_qdisc *leaf)
+{
+    const char *name = name_of(LeafQdiscTypeMap, leaf->type);
+    switch (leaf->type) {
+    case L_pfifo:
+        TRACE_CONSOLE("leaf qdisc:      %s limit = %u\n", name, leaf->param.pfifo.limit);
+        break;
+    case L_SFQ:
+        TRACE_CONSOLE("leaf qdisc:      %s perturb = %d sec\n", name, leaf->param.sfq.perturb);
+        break;
+    case L_RED: {
+        const red_leaf_param &red = leaf->param.red;
+        TRACE_CONSOLE("leaf qdisc:      %s %u byte, %u byte, %u packets, %u byte, %u byte\n", name,
+                      red.min, red.max, red.burst, red.limit, red.avpkt);
+        break;
+    }
+    case L_TBF: {
+        const tbf_leaf_param &tbf = leaf->param.tbf;
+        TRACE_CONSOLE("leaf qdisc:      %s %u ms, %u kbps, %u byte\n", name, tbf.latency, tbf.rate,
+                      tbf.burst);
+        break;
+    }
+    default:
+        TRACE_CONSOLE("An error occur at not define leaf qdisc type\n");
+        break;
+    }
+}
+
+// In the order of the start script. Class 1 is shown below 1, where the script has it below 0.
+void draw_class(list_head *classes)
+{
+    for (const qos_class &cls : preorder(classes)) {
+        const qos_class *parent = parent_of(&cls);
+        u16 major = parent == nullptr ? u16{0} : parent->handle;
+        if (cls.handle == 1) major = 1;
+        const char *name = name_of(ClassTypeMap, cls.type);
+        if (cls.type == C_HTB) {
+            const htb_class_param &p = cls.param.htb;
+            TRACE_CONSOLE("class:           %s handle %3d:%-3d %10u kbps %10u kbps %10u byte"
+                          " %10u byte prio:%2u\n",
+                          name, major, cls.handle, p.rate, p.ceil, p.burst, p.cburst, p.prio);
+        }
+        if (cls.type == C_HFSC) {
+            const hfsc_class_param &p = cls.param.hfsc;
+            TRACE_CONSOLE("class:           %s handle %3d:%-3d\n", name, major, cls.handle);
+            TRACE_CONSOLE("                 ul:%9u byte/%9u ms/%9u kbps"
+                          "   sc:%9u byte/%9u ms/%9u kbps\n",
+                          p.ul.umax, p.ul.dmax, p.ul.rate, p.sc.umax, p.sc.dmax, p.sc.rate);
+            TRACE_CONSOLE("                 ls:%9u byte/%9u ms/%9u kbps"
+                          "   rt:%9u byte/%9u ms/%9u kbps\n",
+                          p.ls.umax, p.ls.dmax, p.ls.rate, p.rt.umax, p.rt.dmax, p.rt.rate);
+        }
+        if (is_leaf(&cls)) show_leaf(&cls.leaf);
+    }
+}
+
+void show_class(const char *ifname)
+{
+    qos_if *rec = root_qdisc_find_by_name(ifname);
+    if (rec == nullptr) {
+        TRACE_CONSOLE("didn't found qos setting in this interface!\n");
+        return;
+    }
+    draw_class(&rec->classes);
+}
+
+}  // namespace mordel
+
+void show_ifqos(const char *ifname)
+{
+    const qos_if *rec = root_qdisc_find_by_name(ifname);
+    if (rec == nullptr) {
+        TRACE_CONSOLE("didn't found qos setting in this interface!\n");
+        return;
+    }
+    const qos_root_param &p = rec->param;
+    TRACE_CONSOLE("Interface:       %s\n", rec->ifname);
+    TRACE_CONSOLE("Speed:           PHY=%10u/%-10u kbit/s, LINK=%10u/%-10u kbit/s\n", rec->phy_tx,
+                  rec->phy_rx, rec->link_tx, rec->link_rx);
+    TRACE_CONSOLE("Root QDisc Type: %s\n", name_of(RootQdiscTypeMap, rec->root_type));
+    switch (rec->root_type) {
+    case R_HTB:
+    case R_HFSC:
+        TRACE_CONSOLE("Default Class ID:%d\n", p.classful.default_class);
+        break;
+    case R_PRIO: {
+        const u8 *map = p.prio.priomap;
+        TRACE_CONSOLE("Band:            %d\n", p.prio.bands);
+        TRACE_CONSOLE("PrioMap:\t        %d,%d,%d,%d,%d,%d,%d,%d,%d,%d,%d,%d,%d,%d,%d,%d\n", map[0],
+                      map[1], map[2], map[3], map[4], map[5], map[6], map[7], map[8], map[9],
+                      map[10], map[11], map[12], map[13], map[14], map[15]);
+        break;
+    }
+    case R_pfifo_fast:
+        TRACE_CONSOLE("Queue length:    %u\n", p.pfifo_fast.queue_len);
+        return;
+    default:
+        TRACE_CONSOLE("An error occur at not define root qdisc type\n");
+        return;
+    }
+    show_class(ifname);
 }

@@ -17,6 +17,12 @@ extern const txt_map ClassTypeMap[];
 extern const txt_map LeafQdiscTypeMap[];
 extern const txt_map CurveTypeMap[];
 
+// The text of an unsigned id: the one place where those meet the signed ids of the maps.
+inline const char *name_of(const txt_map *map, u32 id)
+{
+    return TxtMapById(map, static_cast<int>(id));
+}
+
 enum curve_id { curve_ul = 0, curve_sc = 1, curve_ls = 2, curve_rt = 3 };
 
 // The library's class records carry more than a qos_class (class_walk.h): what takes a list of
@@ -47,5 +53,11 @@ void curve2cmd(FILE *out, const hfsc_curve *curve, int id);
 void do_leaf2cmd(FILE *out, const char *ifname, u16 handle, const leaf_qdisc *leaf);
 void emit_rule_start(FILE *out, qos_if *rec);
 void emit_rule_stop(FILE *out, qos_if *rec);
+
+// ---- Report ------------------------------------------------------------------------------------
+
+void show_class(const char *ifname);
+void draw_class(list_head *classes);
+void show_leaf(const leaf_qdisc *leaf);
 
 }  // namespace mordel

@@ -12,7 +12,7 @@ sed -e '/^#ifdef __cplusplus/,/^#endif/d' -e '/^#/d' "$header" | tr '\n' ' ' |
     sed -e 's,/\*[^*]*\*\+\([^/*][^*]*\*\+\)*/,,g' -e ':b' -e 's/{[^{}]*}//g' -e 'tb' |
     tr ';' '\n' |
     sed -n -e '/typedef/d' -e 's/^[^(]*[ *]\([A-Za-z_0-9]*\)(.*/\1/p' \
-        -e 's/^ *extern .*[ *]\([A-Za-z_0-9]*\) *$/\1/p' |
+        -e 's/^ *extern .*[ *]\([A-Za-z_0-9]*\)\(\[[0-9]*]\)* *$/\1/p' |
     sort >"$work/header"
 sed -n '/^global:/,/^local:/s/^ *\([A-Za-z_0-9]*\);.*/\1/p' "$map" | sort >"$work/map"
 nm -D --defined-only "$library" | awk '{ print $3 }' | sort >"$work/library"

@@ -96,10 +96,12 @@ static void tree(void)
     int (*const stop)(const char *) = stop_qos;
     int (*const restart)(const char *) = restart_qos;
     int (*const restart_all)(void) = restart_qos_all;
+    void (*const show)(const char *) = show_ifqos;
     list_head *const root = &qos_root;
 
     (void)add_root, (void)del_root, (void)add, (void)del, (void)add_leaf, (void)del_leaf;
     (void)key, (void)start, (void)stop, (void)restart, (void)restart_all;
+    (void)show;
     /* Ready before any call: an empty list, made by nobody at run time */
     if (root->next != root || root->prev != root) ++failures;
 
@@ -217,10 +219,12 @@ static void rules(void)
     int (*const renew)(FILE *, const char *, list_head *) = renew_qos_rule;
     int (*const remove)(FILE *, const char *) = remove_qos_rule;
     int (*const restart)(const char *) = restart_rule;
+    void (*const show)(const char *) = show_rule;
     list_head *const root = &sched_root;
 
     (void)find, (void)add, (void)modify, (void)del, (void)automark, (void)sched, (void)unsched;
     (void)unsched_all, (void)search, (void)sched_text, (void)renew, (void)remove, (void)restart;
+    (void)show;
     if (root->next != root || root->prev != root) ++failures;
 
     SIZE(qos_target, 24, 24);
