@@ -14,7 +14,7 @@
  *  4. Status codes differ between the families; each family says its own. No function reports
  *     through errno.
  *  5. Diagnostics are trace lines "[source: line function()]:::message", appended to
- *     /var/tmp/tarnic.log (conversions) or /dev/console (tree, rules, schedules),
+ *     /var/tmp/tarnic.log (conversions, IPC) or /dev/console (tree, rules, schedules),
  *     one write each. A sink that cannot be opened is skipped. "Traces" below names the message.
  *  6. Texts that reach a script are written as they are, unquoted: whoever fills a record from
  *     outside input checks it first.
@@ -538,6 +538,37 @@ int restart_rule(const char *ifname);
  * matches and what it does, field by field. Every line is a trace. For an unknown interface:
  * "NAME not found!!", "QoS tree not found, no rule found!!". */
 void show_rule(const char *ifname);
+
+/* ---- Semaphores and shared memory -----------------------------------------------------------
+ * System V objects, shared between processes by a key that the callers agree on. A semaphore is a
+ * lock: 1 is free, 0 is held. Creating opens what exists; permissions are 0666.
+ *
+ * Functions of this family return 0 for success and 1 for failure, keep no state and may run on any
+ * thread. Traces go to /var/tmp/tarnic.log.
+ */
+
+/* Opens or creates a lock and sets it free, even while another process holds it.
+ * semid: receives the id; -1 when it could not be had.
+ * Returns 0; 1 on failure. Traces "key=K semget fail" or "semid=S semctl fail". */
+int sem_create(int key, int *semid);
+
+/* Removes a lock; who waits for it fails. Returns 0 always. */
+int sem_delete(int semid);
+
+/* Takes a lock, and waits until it can. The kernel gives it back when the process ends.
+ * file, line, func: the caller's place, for the trace.
+ * Returns 0; 1 on failure, a signal while waiting included. Traces
+ * "FILE:LINE:::FUNC:::semid=S down fail". */
+int downdown(int semid, const char *file, int line, const char *func);
+
+/* Gives a lock back, or adds one more to a free one. As downdown; traces "... up fail". */
+int upup(int semid, const char *file, int line, const char *func);
+
+/* Opens or creates a shared memory segment; the caller attaches it.
+ * size: bytes; at most that of a segment that exists.
+ * shmid: receives the id; -1 on failure.
+ * Returns 0; 1 on failure. Traces "key=K shmget fail". */
+int shm_create(int key, u32 size, int *shmid);
 
 #pragma GCC visibility pop
 

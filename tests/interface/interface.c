@@ -286,6 +286,17 @@ static void match_record(void)
     AT(qos_match, sched_index, 596, 596);
 }
 
+static void ipc(void)
+{
+    int (*const create)(int, int *) = sem_create;
+    int (*const del)(int) = sem_delete;
+    int (*const down)(int, const char *, int, const char *) = downdown;
+    int (*const up)(int, const char *, int, const char *) = upup;
+    int (*const shared)(int, u32, int *) = shm_create;
+
+    (void)create, (void)del, (void)down, (void)up, (void)shared;
+}
+
 int main(void)
 {
     lists_and_maps();
@@ -296,5 +307,6 @@ int main(void)
     leaf_records();
     rules();
     match_record();
+    ipc();
     return failures == 0 ? 0 : 1;
 }
