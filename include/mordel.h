@@ -9,7 +9,7 @@
  *  2. A name given to a function is an interface name, compared exactly. Of a longer one the first
  *     31 characters are stored, and only they find it again.
  *  3. Nothing here takes a lock: callers serialise all calls that
- *     share a list, an interface, the rules or the schedules, readers included. All
+ *     share a list, an interface, the rules, the schedules or the log table, readers included. All
  *     other functions keep no state and may run on any thread.
  *  4. Status codes differ between the families; each family says its own. No function reports
  *     through errno.
@@ -569,6 +569,45 @@ int upup(int semid, const char *file, int line, const char *func);
  * shmid: receives the id; -1 on failure.
  * Returns 0; 1 on failure. Traces "key=K shmget fail". */
 int shm_create(int key, u32 size, int *shmid);
+
+/* ---- Log files ------------------------------------------------------------------------------
+ * Up to eight append-only files of lines "FIRST|SECOND|SECONDS", the last the time since the Unix
+ * epoch. Every 128 lines written here the file is renamed to FILE_SECONDS and begun anew; two
+ * renamed in the same second leave the later one. Nothing is traced.
+ */
+
+typedef struct log_entry {
+    char name[64]; /* as registered; not read by the library */
+    char file[64]; /* the file's name in dir, at most 63 characters */
+    char dir[128]; /* at most 127 characters */
+    u16 lines;     /* written since the last renaming; renamed when it gets to 128 */
+    int32_t state; /* -1: free; 1: in use */
+} log_entry;
+
+/* The logs, by the index that createLog returns. */
+extern log_entry logList[8];
+
+/* 1 once initLogSys was called, else 0. */
+extern u8 isInit;
+
+/* The value of isInit. */
+u8 isLogSysInit(void);
+
+/* Empties the table; files stay. Call it before the first createLog. Returns 1 always. */
+int initLogSys(void);
+
+/* Registers a log and empties its file.
+ * name, file, dir: stored up to 63, 63 and 127 characters; of a longer file or dir, the file that
+ *                  is created has the whole name and those that are written later the stored one.
+ * Returns the log's index, 0..7; -1 when the table is full (or initLogSys was not called), and the
+ * file was emptied all the same; -2 when the file cannot be created. The descriptor by which it was
+ * created, also for -1, stays open for good. */
+int createLog(const char *name, const char *file, const char *dir);
+
+/* Appends a line.
+ * index: of createLog; any other does nothing. first, second: texts without line feeds.
+ * A line whose file cannot be opened is lost. */
+void putlog(int index, const char *first, const char *second);
 
 #pragma GCC visibility pop
 

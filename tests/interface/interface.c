@@ -297,6 +297,29 @@ static void ipc(void)
     (void)create, (void)del, (void)down, (void)up, (void)shared;
 }
 
+static void log_files(void)
+{
+    u8 (*const is_init)(void) = isLogSysInit;
+    int (*const init)(void) = initLogSys;
+    int (*const create)(const char *, const char *, const char *) = createLog;
+    void (*const put)(int, const char *, const char *) = putlog;
+    log_entry *const logs = logList;
+    u8 *const flag = &isInit;
+
+    (void)create, (void)put;
+    /* Nothing is set up before the first call */
+    if (*flag != 0 || is_init() != 0 || logs[7].state != 0) ++failures;
+    if (init() != 1 || *flag != 1 || is_init() != 1 || logs[7].state != -1) ++failures;
+
+    SIZE(logList, 2112, 2112);
+    SIZE(log_entry, 264, 264);
+    AT(log_entry, name, 0, 0);
+    AT(log_entry, file, 64, 64);
+    AT(log_entry, dir, 128, 128);
+    AT(log_entry, lines, 256, 256);
+    AT(log_entry, state, 260, 260);
+}
+
 int main(void)
 {
     lists_and_maps();
@@ -308,5 +331,6 @@ int main(void)
     rules();
     match_record();
     ipc();
+    log_files();
     return failures == 0 ? 0 : 1;
 }
