@@ -14,7 +14,7 @@
  *  4. Status codes differ between the families; each family says its own. No function reports
  *     through errno.
  *  5. Diagnostics are trace lines "[source: line function()]:::message", appended to
- *     /var/tmp/tarnic.log (conversions, IPC) or /dev/console (tree, rules, schedules),
+ *     /var/tmp/tarnic.log (conversions, IPC, sockets) or /dev/console (tree, rules, schedules),
  *     one write each. A sink that cannot be opened is skipped. "Traces" below names the message.
  *  6. Texts that reach a script are written as they are, unquoted: whoever fills a record from
  *     outside input checks it first.
@@ -23,8 +23,10 @@
 #ifndef MORDEL_H
 #define MORDEL_H
 
+#include <pthread.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <sys/select.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -569,6 +571,217 @@ int upup(int semid, const char *file, int line, const char *func);
  * shmid: receives the id; -1 on failure.
  * Returns 0; 1 on failure. Traces "key=K shmget fail". */
 int shm_create(int key, u32 size, int *shmid);
+
+/* ---- Interface queries ----------------------------------------------------------------------
+ * By interface name. A name of 16 characters or more is no interface's.
+ *
+ * Functions of this family return 0 for success and 1 for failure, trace nothing, keep no state and
+ * may run on any thread. IPv4 addresses are in network byte order in memory.
+ */
+
+/* The counters of one interface, in the column order of /proc/net/dev */
+typedef struct if_rxtx {
+    u64 rx_bytes;
+    u64 rx_packets;
+    u32 rx_errs; /* this and the other 32-bit counters: modulo 2^32 */
+    u32 rx_drop;
+    u32 rx_fifo;
+    u32 rx_frame;
+    u32 rx_compressed;
+    u32 rx_multicast;
+    u64 tx_bytes;
+    u64 tx_packets;
+    u32 tx_errs;
+    u32 tx_drop;
+    u32 tx_fifo;
+    u32 tx_colls;
+    u32 tx_carrier;
+    u32 tx_compressed;
+} if_rxtx;
+
+/* Reads an interface's counters from /proc/net/dev.
+ * ifname: the first line that contains it anywhere is taken: "eth0" also finds "veth0".
+ * out: zeroed once the file is open; fields that the line does not have stay 0.
+ * Returns 0; 1 when the file cannot be read (out untouched) or no line has the name. */
+int get_rxtx_by_ifname(const char *ifname, if_rxtx *out);
+
+/* An interface's IPv4 address, netmask or broadcast address.
+ * ip, mask, bcast: network byte order; untouched on failure.
+ * Returns 0; 1 when there is no such interface, it has no address, or the caller may open no raw
+ * socket (CAP_NET_RAW). */
+int get_ip_by_ifname(const char *ifname, u32 *ip);
+int get_mask_by_ifname(const char *ifname, u32 *mask);
+int get_bcast_by_ifname(const char *ifname, u32 *bcast);
+
+/* An interface's hardware address.
+ * mac, size: 6 bytes are written. Returns 0; 1 when size is below 6, or as above. */
+int get_mac_by_ifname(const char *ifname, u8 *mac, u32 size);
+
+/* Changes an Ethernet interface's hardware address.
+ * mac: 6 bytes. Returns 0; 1 when the interface is no Ethernet, or refuses. */
+int set_mac_by_ifname(const char *ifname, const u8 *mac);
+
+/* Looks an address up among the interfaces, and never finds one: returns 1 always.
+ * ip: network byte order. name, size: untouched. */
+int get_ifname_by_ip(u32 ip, char *name, u32 size);
+
+/* Not provided: return 1 and do nothing else. */
+int set_ip_by_ifname(const char *ifname, u32 ip);
+int set_mask_by_ifname(const char *ifname, u32 mask);
+int set_bcast_by_ifname(const char *ifname, u32 bcast);
+int get_mtu_by_ifname(const char *ifname, u32 *mtu);
+int set_mtu_by_ifname(const char *ifname, u32 mtu);
+
+/* ---- Sockets --------------------------------------------------------------------------------
+ * IPv4 sockets, TCP and UDP. A socket is a plain descriptor, the caller's from the moment it is
+ * returned.
+ *
+ *  1. Functions of this family return 0 for success and 1 for failure; outputs are written on
+ *     success alone, unless a comment says otherwise.
+ *  2. One option word serves the whole family; each function heeds its own bits.
+ *  3. Traces go to /var/tmp/tarnic.log, with the words of LogStrMap.
+ *  4. The functions keep no state and may run on any thread.
+ */
+
+typedef struct ipport {
+    u32 ip;   /* network byte order; 0: any address */
+    u16 port; /* network byte order */
+} ipport;
+
+/* Options */
+enum {
+    SOCKET_OPT_TCP = 0x1,             /* stream socket, else datagram */
+    SOCKET_OPT_REUSE = 0x2,           /* SO_REUSEADDR */
+    SOCKET_OPT_BIND = 0x4,            /* bind to the local address */
+    SOCKET_OPT_SENDTO = 0x100,        /* datagram: send to dest, not to the peer */
+    SOCKET_OPT_SEND_NONBLOCK = 0x200, /* MSG_DONTWAIT */
+    SOCKET_OPT_SEND_NOSIGNAL = 0x400, /* MSG_NOSIGNAL */
+    SOCKET_OPT_RECVFROM = 0x10000,    /* datagram: receive without a peer */
+    SOCKET_OPT_RECV_PEEK = 0x20000,   /* MSG_PEEK */
+    SOCKET_OPT_RECV_WAITALL = 0x40000 /* MSG_WAITALL */
+};
+
+/* The words of the traces; the fallback is "*unknown*". */
+extern const txt_map LogStrMap[];
+
+/* Opens a socket.
+ * ifname: an interface whose address is bound instead of addr's; null: none. It must have one even
+ *         where nothing is bound.
+ * addr: the local address and port.
+ * options: SOCKET_OPT_TCP, _REUSE, _BIND.
+ * Returns 0; 1 on failure. Traces "Can't resolve ifname=NAME", "socket open error!!",
+ * "socket setsocketopt error SOCKET_OPT_REUSE failed. fd=F" or
+ * "socket bind error fd=F,ip=A.B.C.D,port=P", with addr's ip even when an interface was named. */
+int socket_open(const char *ifname, const ipport *addr, u32 options, int *fd_out);
+
+/* Opens a socket and connects it, waiting until it is.
+ * local: null: any address and port. peer: neither ip nor port 0.
+ * options: SOCKET_OPT_TCP, _BIND; _REUSE is not heeded.
+ * Returns 0; 1 on failure. Traces "error args!!", or "socket open error" behind socket_open's own;
+ * a refused connection traces nothing. */
+int socket_connect(const ipport *local, const ipport *peer, u32 options, int *fd_out);
+
+/* Opens a listening socket, its address reused and bound.
+ * addr: port not 0. backlog: above 0.
+ * options: SOCKET_OPT_TCP, without which it fails.
+ * Returns 0; 1 on failure. Traces "error args!!", "socket open error" behind socket_open's own, or
+ * "socket listen error". */
+int socket_listen(const ipport *addr, u32 options, int backlog, int *fd_out);
+
+/* Closes a descriptor. Returns 0 always. */
+int socket_close(int fd);
+
+/* Whether a socket has a peer. Returns 0 when it has; 1 when not, or fd is no socket. */
+int get_socket_state(int fd);
+
+/* The address of a socket's peer, and its own. Returns 0; 1 on failure. */
+int get_socket_peer(int fd, ipport *out);
+int get_socket_local(int fd, ipport *out);
+
+/* ---- Select dispatcher ----------------------------------------------------------------------
+ * A detached thread that waits on one socket, and on those accepted from it, and calls the caller's
+ * handlers. It reads nothing and closes nothing: the handlers do.
+ *
+ *  1. All handlers of a dispatcher run on its thread, one at a time. Their results are ignored.
+ *  2. It ends when loop_hdlr sets its exit flag to 1, when the peer of a socket that does not
+ *     listen closes, on an error, or by pthread_cancel. Cancellation is asynchronous: it strikes
+ *     anywhere, in a handler too, and then no exit_hdlr is called and the thread's record is lost.
+ *     The thread is detached: once exit_hdlr was called its id is void.
+ *  3. A watched descriptor is closed in close_hdlr, or after FD_CLR from loop_hdlr's watch: closed
+ *     elsewhere it makes select fail. Shut it down elsewhere, and close_hdlr comes.
+ *  4. Descriptors of FD_SETSIZE (1024) and more cannot be watched: such a connection is closed as
+ *     soon as it is accepted. While the process is out of descriptors, no connection is accepted
+ *     and the thread does not rest.
+ */
+
+typedef struct socket_select_handlers {
+    /* A connection was accepted. peer: network byte order; for the call alone. */
+    int (*accept_hdlr)(pthread_t self, int new_fd, ipport *peer);
+    /* Bytes are pending. */
+    int (*recv_hdlr)(pthread_t self, int fd);
+    /* The peer has closed (or an empty datagram came). fd is open, and not watched any more when
+     * this returns. */
+    int (*close_hdlr)(pthread_t self, int fd);
+    /* A pass has ended. watch: the watched descriptors; null when the pass timed out.
+     * exit_flag: 1 ends the dispatcher. */
+    int (*loop_hdlr)(pthread_t self, fd_set *watch, int *exit_flag);
+    /* Nothing happened for the time-out. watch: as above, never null. */
+    int (*timeout_hdlr)(pthread_t self, fd_set *watch);
+    /* code 1: cancellation could not be set up, the dispatcher ends; 2: select failed, it ends
+     * unless this pass's loop_hdlr, which finds the exit flag at 1, sets it to something else. */
+    int (*error_hdlr)(pthread_t self, int code);
+    /* The dispatcher ends. reason 0: exit flag or error; 3: the peer has closed. */
+    int (*exit_hdlr)(pthread_t self, int reason);
+} socket_select_handlers;
+
+/* Starts a dispatcher.
+ * fd: a socket, listening or not; stays the caller's. reserved: not read.
+ * seconds, microseconds: how long a pass waits, each below 2^31; both 0: without end.
+ * handlers: copied. accept_hdlr may be null unless fd listens, timeout_hdlr unless there is a
+ *           time-out, loop_hdlr unless fd listens (but without it there is no exit flag).
+ * thread_out: receives the thread's id, which the handlers are given too, maybe sooner.
+ * Returns 0; 1 on failure. Traces "malloc fail!!", "pthread handler set error",
+ * "fd F isn't a Socket FD", "getsockopt fail", "fd F is too large for select" or
+ * "pthread create error"; the thread traces "get ExitFlag pid=P,ppid=Q" when it is told to end
+ * after a time-out, "Exit pid=P,ppid=Q" when it ends, and "fd F is too large for select". */
+int socket_select(int fd, u32 reserved, u32 seconds, u32 microseconds,
+                  const socket_select_handlers *handlers, pthread_t *thread_out);
+
+/* ---- Send and receive -----------------------------------------------------------------------
+ * Both loop until the whole count is through. Traces: "socket send error" (the receive side too,
+ * when fd is no socket), "socket Can't handle SO_TYPE=T" for what is neither stream nor datagram.
+ */
+
+/* Sends a buffer.
+ * options: SOCKET_OPT_SENDTO, _SEND_NONBLOCK, _SEND_NOSIGNAL.
+ * len: bytes to send (below 2^31), then bytes sent, also when a call failed half-way.
+ * dest: with SOCKET_OPT_SENDTO on a datagram socket, where to; else not read. A datagram socket
+ *       without it must be connected.
+ * Returns 0; 1 on failure. Traces besides "socket send error errno=E". */
+int socket_send(int fd, u32 options, const void *buf, u32 *len, const ipport *dest);
+
+/* Receives an exact count of bytes, over as many datagrams as it takes.
+ * options: SOCKET_OPT_RECVFROM, _RECV_PEEK, _RECV_WAITALL.
+ * len: bytes wanted, then bytes received, also when a call failed half-way.
+ * src: not null with SOCKET_OPT_RECVFROM on a datagram socket; only read. A datagram socket without
+ *      that option must be connected. Empty datagrams are passed over, and so a datagram socket
+ *      that is shut down for reading is asked for ever.
+ * Returns 0; 1 on failure, and, without a trace, when the stream's peer closed too early. Traces
+ * besides "getsockopt SO_TYPE Error" (no peer, or no src) and "socket recv error errno=E". */
+int socket_recv(int fd, u32 options, u8 *buf, int *len, const ipport *src);
+
+/* ---- Addresses and ports --------------------------------------------------------------------
+ * Fill an ipport. n2n: the port (and the numeric ip) is in network byte order already; h2n: it is
+ * in host byte order. Traces nothing.
+ */
+
+/* Return 0 always. */
+int ipport_convert_n2n(u32 ip, u16 port, ipport *out);
+int ipport_convert_h2n(u32 ip, u16 port, ipport *out);
+
+/* ip_text: as string2ip takes it. Return 0; 1 when it is no address (out->port untouched). */
+int ipport_string_convert_n2n(const char *ip_text, u16 port, ipport *out);
+int ipport_string_convert_h2n(const char *ip_text, u16 port, ipport *out);
 
 /* ---- Log files ------------------------------------------------------------------------------
  * Up to eight append-only files of lines "FIRST|SECOND|SECONDS", the last the time since the Unix

@@ -297,6 +297,126 @@ static void ipc(void)
     (void)create, (void)del, (void)down, (void)up, (void)shared;
 }
 
+static void interface_queries(void)
+{
+    int (*const counters)(const char *, if_rxtx *) = get_rxtx_by_ifname;
+    int (*const get_ip)(const char *, u32 *) = get_ip_by_ifname;
+    int (*const get_mask)(const char *, u32 *) = get_mask_by_ifname;
+    int (*const get_bcast)(const char *, u32 *) = get_bcast_by_ifname;
+    int (*const get_mac)(const char *, u8 *, u32) = get_mac_by_ifname;
+    int (*const set_mac)(const char *, const u8 *) = set_mac_by_ifname;
+    int (*const get_name)(u32, char *, u32) = get_ifname_by_ip;
+    int (*const set_ip)(const char *, u32) = set_ip_by_ifname;
+    int (*const set_mask)(const char *, u32) = set_mask_by_ifname;
+    int (*const set_bcast)(const char *, u32) = set_bcast_by_ifname;
+    int (*const get_mtu)(const char *, u32 *) = get_mtu_by_ifname;
+    int (*const set_mtu)(const char *, u32) = set_mtu_by_ifname;
+    u32 mtu = 7;
+
+    (void)counters, (void)get_ip, (void)get_mask, (void)get_bcast, (void)get_mac, (void)set_mac;
+    (void)get_name;
+    if (set_ip("lo", 1) != 1 || set_mask("lo", 1) != 1 || set_bcast("lo", 1) != 1) ++failures;
+    if (get_mtu("lo", &mtu) != 1 || mtu != 7 || set_mtu("lo", 1500) != 1) ++failures;
+
+    SIZE(if_rxtx, 80, 80);
+    AT(if_rxtx, rx_bytes, 0, 0);
+    AT(if_rxtx, rx_packets, 8, 8);
+    AT(if_rxtx, rx_errs, 16, 16);
+    AT(if_rxtx, rx_drop, 20, 20);
+    AT(if_rxtx, rx_fifo, 24, 24);
+    AT(if_rxtx, rx_frame, 28, 28);
+    AT(if_rxtx, rx_compressed, 32, 32);
+    AT(if_rxtx, rx_multicast, 36, 36);
+    AT(if_rxtx, tx_bytes, 40, 40);
+    AT(if_rxtx, tx_packets, 48, 48);
+    AT(if_rxtx, tx_errs, 56, 56);
+    AT(if_rxtx, tx_drop, 60, 60);
+    AT(if_rxtx, tx_fifo, 64, 64);
+    AT(if_rxtx, tx_colls, 68, 68);
+    AT(if_rxtx, tx_carrier, 72, 72);
+    AT(if_rxtx, tx_compressed, 76, 76);
+}
+
+static void sockets(void)
+{
+    int (*const open)(const char *, const ipport *, u32, int *) = socket_open;
+    int (*const connect)(const ipport *, const ipport *, u32, int *) = socket_connect;
+    int (*const listen)(const ipport *, u32, int, int *) = socket_listen;
+    int (*const close)(int) = socket_close;
+    int (*const state)(int) = get_socket_state;
+    int (*const peer)(int, ipport *) = get_socket_peer;
+    int (*const local)(int, ipport *) = get_socket_local;
+    int (*const send)(int, u32, const void *, u32 *, const ipport *) = socket_send;
+    int (*const recv)(int, u32, u8 *, int *, const ipport *) = socket_recv;
+    int (*const n2n)(u32, u16, ipport *) = ipport_convert_n2n;
+    int (*const h2n)(u32, u16, ipport *) = ipport_convert_h2n;
+    int (*const text_n2n)(const char *, u16, ipport *) = ipport_string_convert_n2n;
+    int (*const text_h2n)(const char *, u16, ipport *) = ipport_string_convert_h2n;
+    const txt_map *const texts = LogStrMap;
+    ipport at = {0, 0};
+
+    (void)open, (void)connect, (void)listen, (void)close, (void)state, (void)peer, (void)local;
+    (void)send, (void)recv, (void)h2n, (void)text_h2n;
+    if (texts[0].id != 0 || texts[13].id != -1) ++failures;
+    if (n2n(1, 2, &at) != 0 || at.ip != 1 || at.port != 2) ++failures;
+    if (text_n2n("0.0.0.0", 3, &at) != 0 || at.ip != 0 || at.port != 3) ++failures;
+
+    SIZE(ipport, 8, 8);
+    AT(ipport, ip, 0, 0);
+    AT(ipport, port, 4, 4);
+    VALUE(SOCKET_OPT_TCP, 0x1);
+    VALUE(SOCKET_OPT_REUSE, 0x2);
+    VALUE(SOCKET_OPT_BIND, 0x4);
+    VALUE(SOCKET_OPT_SENDTO, 0x100);
+    VALUE(SOCKET_OPT_SEND_NONBLOCK, 0x200);
+    VALUE(SOCKET_OPT_SEND_NOSIGNAL, 0x400);
+    VALUE(SOCKET_OPT_RECVFROM, 0x10000);
+    VALUE(SOCKET_OPT_RECV_PEEK, 0x20000);
+    VALUE(SOCKET_OPT_RECV_WAITALL, 0x40000);
+}
+
+static int on_accept(pthread_t self, int new_fd, ipport *peer)
+{
+    (void)self, (void)peer;
+    return new_fd;
+}
+
+static int on_fd(pthread_t self, int fd)
+{
+    (void)self;
+    return fd;
+}
+
+static int on_loop(pthread_t self, fd_set *watch, int *exit_flag)
+{
+    (void)self, (void)watch;
+    return *exit_flag;
+}
+
+static int on_timeout(pthread_t self, fd_set *watch)
+{
+    (void)self, (void)watch;
+    return 0;
+}
+
+static void dispatcher(void)
+{
+    int (*const start)(int, u32, u32, u32, const socket_select_handlers *, pthread_t *) =
+        socket_select;
+    const socket_select_handlers handlers = {on_accept,  on_fd, on_fd, on_loop,
+                                             on_timeout, on_fd, on_fd};
+
+    (void)start, (void)handlers;
+    SIZE(socket_select_handlers, 28, 56);
+    AT(socket_select_handlers, accept_hdlr, 0, 0);
+    AT(socket_select_handlers, recv_hdlr, 4, 8);
+    AT(socket_select_handlers, close_hdlr, 8, 16);
+    AT(socket_select_handlers, loop_hdlr, 12, 24);
+    AT(socket_select_handlers, timeout_hdlr, 16, 32);
+    AT(socket_select_handlers, error_hdlr, 20, 40);
+    AT(socket_select_handlers, exit_hdlr, 24, 48);
+}
+
 static void log_files(void)
 {
     u8 (*const is_init)(void) = isLogSysInit;
@@ -331,6 +451,9 @@ int main(void)
     rules();
     match_record();
     ipc();
+    interface_queries();
+    sockets();
+    dispatcher();
     log_files();
     return failures == 0 ? 0 : 1;
 }

@@ -1,0 +1,668 @@
+// Interface queries, sockets, the select dispatcher, transfer and addresses. No state; safe on any
+// thread.
+
+#include "tarnic_network.h"
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+
+#include "guards.h"
+
+#define TRACE_SOURCE tarnic_network
+#include "trace.h"
+
+using namespace mordel;
+
+// ---- Interface queries --------------------------------------------------------------------------
+
+namespace {
+
+// The lines of /proc/net/dev behind its two header lines; the rest of a longer line counts as one.
+class device_lines {
+public:
+    device_lines() : file_(::fopen("/proc/net/dev", "re")) {}
+    explicit operator bool() const { return file_ != nullptr; }
+    bool next()
+    {
+        while (::fgets(text, sizeof text, file_.get()) != nullptr)
+            if (header_ == 0 || header_-- == 0) return true;
+        return false;
+    }
+
+    char text[256];
+
+private:
+    stream_guard file_;
+    int header_ = 2;
+};
+
+// Requests about one interface: each finds in data what the one before has left there.
+class interface_request {
+public:
+    // A name too long is no interface's; cut short it might be.
+    explicit interface_request(const char *ifname)
+        : fd_(::strlen(ifname) < IFNAMSIZ ? ::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_RAW)
+                                          : -1)
+    {
+        // Zero behind the name: the kernel would take an address family there as a wish.
+        ::memset(&data, 0, sizeof data);
+        ::strncpy(data.ifr_name, ifname, IFNAMSIZ - 1);
+    }
+    bool send(unsigned long request) { return fd_ && ::ioctl(fd_.get(), request, &data) == 0; }
+
+    struct ifreq data;
+
+private:
+    fd_guard fd_;
+};
+
+// The IPv4 address that a request answers with, in network byte order. 0; 1 on failure.
+int get_address(const char *ifname, unsigned long request, u32 *out)
+{
+    interface_request about(ifname);
+    if (!about.send(request)) return 1;
+    struct sockaddr_in address;
+    ::memcpy(&address, &about.data.ifr_addr, sizeof address);
+    *out = address.sin_addr.s_addr;
+    return 0;
+}
+
+// Sixteen numbers: of received, then of sent, two of 64 bits and six of 32. What the text does not
+// have stays as it is.
+void scan_counters(const char *text, if_rxtx *out)
+{
+    constexpr int columns = 16;
+    static_assert(sizeof *out == 2 * (2 * sizeof(u64) + 6 * sizeof(u32)));
+    char *field = reinterpret_cast<char *>(out);
+    for (int column = 0; column < columns; ++column) {
+        char *end = nullptr;
+        const u64 wide = ::strtoull(text, &end, 10);
+        if (end == text) return;
+        text = end;
+        if (column % 8 < 2) {
+            ::memcpy(field, &wide, sizeof wide);
+            field += sizeof wide;
+        } else {
+            const u32 narrow = static_cast<u32>(wide);
+            ::memcpy(field, &narrow, sizeof narrow);
+            field += sizeof narrow;
+        }
+    }
+}
+
+constexpr u32 mac_size = 6;
+
+}  // namespace
+
+int get_rxtx_by_ifname(const char *ifname, if_rxtx *out)
+{
+    device_lines lines;
+    if (!lines) return 1;
+    ::memset(out, 0, sizeof *out);
+    while (lines.next()) {
+        // Anywhere in the line, on purpose: "eth0" takes veth0's line where that comes first.
+        if (::strstr(lines.text, ifname) == nullptr) continue;
+        char *at = ::strchr(lines.text, ':');
+        if (at != nullptr) scan_counters(at + 1, out);
+        return 0;
+    }
+    return 1;
+}
+
+int get_ip_by_ifname(const char *ifname, u32 *ip) { return get_address(ifname, SIOCGIFADDR, ip); }
+
+int get_mask_by_ifname(const char *ifname, u32 *mask)
+{
+    return get_address(ifname, SIOCGIFNETMASK, mask);
+}
+
+int get_bcast_by_ifname(const char *ifname, u32 *bcast)
+{
+    return get_address(ifname, SIOCGIFBRDADDR, bcast);
+}
+
+int get_mac_by_ifname(const char *ifname, u8 *mac, u32 size)
+{
+    if (size < mac_size) return 1;
+    interface_request about(ifname);
+    if (!about.send(SIOCGIFHWADDR)) return 1;
+    ::memcpy(mac, about.data.ifr_hwaddr.sa_data, mac_size);
+    return 0;
+}
+
+int set_mac_by_ifname(const char *ifname, const u8 *mac)
+{
+    interface_request about(ifname);
+    if (!about.send(SIOCGIFHWADDR)) return 1;
+    if (about.data.ifr_hwaddr.sa_family != ARPHRD_ETHER) return 1;
+    ::memcpy(about.data.ifr_hwaddr.sa_data, mac, mac_size);
+    return about.send(SIOCSIFHWADDR) ? 0 : 1;
+}
+
+int get_ifname_by_ip(u32 ip, char *name, u32 size)
+{
+    device_lines lines;
+    if (!lines) return 1;
+    while (lines.next()) {
+        char *start = lines.text + ::strspn(lines.text, " \t\n\v\f\r");
+        char *colon = ::strchr(start, ':');
+        if (colon == nullptr) continue;
+        // A line feed, not a NUL, on purpose: the name runs on to the end of the line, so that no
+        // interface has it and every address is "not found".
+        *colon = '\n';
+        u32 found = 0;
+        if (get_ip_by_ifname(start, &found) != 0 || found != ip) continue;
+        const size_t length = ::strlen(start);
+        if (length >= size) return 1;
+        ::memcpy(name, start, length + 1);
+        return 0;
+    }
+    return 1;
+}
+
+// The family is complete in name only: these have never been provided.
+
+int set_ip_by_ifname(const char *, u32) { return 1; }
+int set_mask_by_ifname(const char *, u32) { return 1; }
+int set_bcast_by_ifname(const char *, u32) { return 1; }
+int get_mtu_by_ifname(const char *, u32 *) { return 1; }
+int set_mtu_by_ifname(const char *, u32) { return 1; }
+
+// ---- Sockets ------------------------------------------------------------------------------------
+
+namespace {
+
+// Ids of LogStrMap
+enum log_word {
+    word_malloc,
+    word_args,
+    word_socket,
+    word_error,
+    word_open,
+    word_listen,
+    word_bind,
+    word_accept,
+    word_sockopt,
+    word_thread,
+    word_handler,
+    word_send,
+    word_recv,
+    words
+};
+
+}  // namespace
+
+constexpr txt_map LogStrMap[] = {
+    {word_malloc, "malloc fail!!"},
+    {word_args, "error args!!"},
+    {word_socket, "socket"},
+    {word_error, "error"},
+    {word_open, "open error"},
+    {word_listen, "listen error"},
+    {word_bind, "bind error"},
+    {word_accept, "accept error"},
+    {word_sockopt, "socketopt error"},
+    {word_thread, "pthread create error"},
+    {word_handler, "pthread handler set error"},
+    {word_send, "send error"},
+    {word_recv, "recv error"},
+    {-1, "*unknown*"},
+};
+
+namespace {
+
+constexpr const char *text_of(log_word word) { return LogStrMap[word].text; }
+static_assert(std::size(LogStrMap) == words + 1);
+static_assert([] {
+    for (int id = 0; id < words; ++id)
+        if (LogStrMap[id].id != id) return false;
+    return true;
+}());
+
+struct sockaddr_in to_sockaddr(const ipport &from)
+{
+    struct sockaddr_in address {};
+    address.sin_family = AF_INET;
+    address.sin_port = from.port;
+    address.sin_addr.s_addr = from.ip;
+    return address;
+}
+
+const struct sockaddr *generic(const struct sockaddr_in &address)
+{
+    return reinterpret_cast<const struct sockaddr *>(&address);
+}
+
+struct sockaddr *generic(struct sockaddr_in &address)
+{
+    return reinterpret_cast<struct sockaddr *>(&address);
+}
+
+}  // namespace
+
+int socket_open(const char *ifname, const ipport *addr, u32 options, int *fd_out)
+{
+    struct sockaddr_in local = to_sockaddr(*addr);
+    if (ifname != nullptr && get_ip_by_ifname(ifname, &local.sin_addr.s_addr) != 0) {
+        TRACE_FILE("Can't resolve ifname=%s\n", ifname);
+        return 1;
+    }
+    const int type = (options & SOCKET_OPT_TCP) != 0 ? SOCK_STREAM : SOCK_DGRAM;
+    fd_guard fd{::socket(AF_INET, type | SOCK_CLOEXEC, 0)};
+    if (!fd) {
+        TRACE_FILE("%s %s!!\n", text_of(word_socket), text_of(word_open));
+        return 1;
+    }
+    const int on = 1;
+    if ((options & SOCKET_OPT_REUSE) != 0 &&
+        ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
+        // No blank behind "set", on purpose
+        TRACE_FILE("%s set%s SOCKET_OPT_REUSE failed. fd=%d\n", text_of(word_socket),
+                   text_of(word_sockopt), fd.get());
+        return 1;
+    }
+    if ((options & SOCKET_OPT_BIND) != 0 && ::bind(fd.get(), generic(local), sizeof local) != 0) {
+        // The caller's address, also where the interface's was to be bound
+        const u8 *octets = reinterpret_cast<const u8 *>(&addr->ip);
+        TRACE_FILE("%s %s fd=%d,ip=%u.%u.%u.%u,port=%d\n", text_of(word_socket), text_of(word_bind),
+                   fd.get(), octets[0], octets[1], octets[2], octets[3], ntohs(addr->port));
+        return 1;
+    }
+    *fd_out = fd.release();
+    return 0;
+}
+
+int socket_connect(const ipport *local, const ipport *peer, u32 options, int *fd_out)
+{
+    if (peer == nullptr || peer->ip == 0 || peer->port == 0) {
+        TRACE_FILE("%s\n", text_of(word_args));
+        return 1;
+    }
+    const ipport any{};
+    int opened = -1;
+    if (socket_open(nullptr, local == nullptr ? &any : local,
+                    options & (SOCKET_OPT_TCP | SOCKET_OPT_BIND), &opened) != 0) {
+        TRACE_FILE("%s %s\n", text_of(word_socket), text_of(word_open));
+        return 1;
+    }
+    fd_guard fd{opened};
+    const struct sockaddr_in address = to_sockaddr(*peer);
+    if (::connect(fd.get(), generic(address), sizeof address) != 0) return 1;
+    *fd_out = fd.release();
+    return 0;
+}
+
+int socket_listen(const ipport *addr, u32 options, int backlog, int *fd_out)
+{
+    if (addr->port == 0 || backlog <= 0) {
+        TRACE_FILE("%s\n", text_of(word_args));
+        return 1;
+    }
+    int opened = -1;
+    if (socket_open(nullptr, addr, (options & SOCKET_OPT_TCP) | SOCKET_OPT_REUSE | SOCKET_OPT_BIND,
+                    &opened) != 0) {
+        TRACE_FILE("%s %s\n", text_of(word_socket), text_of(word_open));
+        return 1;
+    }
+    fd_guard fd{opened};
+    if (::listen(fd.get(), backlog) != 0) {
+        TRACE_FILE("%s %s\n", text_of(word_socket), text_of(word_listen));
+        return 1;
+    }
+    *fd_out = fd.release();
+    return 0;
+}
+
+int socket_close(int fd)
+{
+    (void)::close(fd);  // callers cannot do better about it
+    return 0;
+}
+
+namespace mordel {
+
+int get_socket_addr(int fd, ipport *out, int which)
+{
+    if (which != 0 && which != 1) return 1;
+    struct sockaddr_in address {};  // other families may fill less of it
+    socklen_t length = sizeof address;
+    const auto ask = which == 0 ? ::getsockname : ::getpeername;
+    if (ask(fd, generic(address), &length) != 0) return 1;
+    if (out != nullptr) {
+        out->ip = address.sin_addr.s_addr;
+        out->port = address.sin_port;
+    }
+    return 0;
+}
+
+}  // namespace mordel
+
+int get_socket_state(int fd) { return get_socket_addr(fd, nullptr, 1); }
+
+int get_socket_peer(int fd, ipport *out) { return get_socket_addr(fd, out, 1); }
+
+int get_socket_local(int fd, ipport *out) { return get_socket_addr(fd, out, 0); }
+
+// ---- Select dispatcher --------------------------------------------------------------------------
+
+namespace {
+
+// What socket_select gives its thread, which owns it from then on. A cancelled thread loses it.
+struct socket_select_ctx {
+    int fd;
+    socket_select_handlers handlers;
+    struct timeval timeout;  // of each select
+    u8 has_timeout;
+    int listening;
+    pthread_t self;
+};
+
+// False when the thread could not be made.
+bool start_detached(void *(*body)(void *), void *arg, pthread_t *thread)
+{
+    pthread_attr_t attr;
+    ::pthread_attr_init(&attr);
+    ::pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    const int error = ::pthread_create(thread, &attr, body, arg);
+    ::pthread_attr_destroy(&attr);
+    return error == 0;
+}
+
+// Whether there is something to read; what cannot be asked counts as closed.
+bool has_bytes(int fd)
+{
+    int pending = 0;
+    return ::ioctl(fd, FIONREAD, &pending) == 0 && pending != 0;
+}
+
+// The descriptors that a dispatcher watches, and their span, which never shrinks.
+struct watch_set {
+    fd_set fds;
+    int lowest;
+    int highest;
+
+    explicit watch_set(int fd) : lowest(fd), highest(fd)
+    {
+        FD_ZERO(&fds);
+        FD_SET(fd, &fds);
+    }
+    void add(int fd)
+    {
+        FD_SET(fd, &fds);
+        lowest = std::min(lowest, fd);
+        highest = std::max(highest, fd);
+    }
+};
+
+// A readable socket: true when it has closed, and is no longer watched.
+bool serve(const socket_select_ctx &ctx, int fd, watch_set *watch)
+{
+    if (has_bytes(fd)) {
+        ctx.handlers.recv_hdlr(ctx.self, fd);
+        return false;
+    }
+    ctx.handlers.close_hdlr(ctx.self, fd);
+    FD_CLR(fd, &watch->fds);
+    return true;
+}
+
+// The next connection, close-on-exec; -1 when there is none. It may have gone again since select,
+// or select may have failed: accept alone would then wait, and the dispatcher with it. (Another
+// acceptor on the same socket can still be quicker.)
+int accept_waiting(int listening, ipport *peer)
+{
+    struct pollfd waiting = {listening, POLLIN, 0};
+    if (::poll(&waiting, 1, 0) <= 0) return -1;
+    struct sockaddr_in address {};
+    socklen_t length = sizeof address;
+    const int fd = ::accept4(listening, generic(address), &length, SOCK_CLOEXEC);
+    *peer = {address.sin_addr.s_addr, address.sin_port};
+    return fd;
+}
+
+// Asynchronously: who cancels wants the thread gone wherever it is, in a handler too.
+bool allow_cancel()
+{
+    return ::pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr) == 0 &&
+           // NOLINTNEXTLINE(cert-pos47-c): the callers' contract
+           ::pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr) == 0;
+}
+
+void *socket_select_hdlr(void *arg)
+{
+    const heap_guard<socket_select_ctx> ctx{static_cast<socket_select_ctx *>(arg)};
+    const socket_select_handlers &on = ctx->handlers;
+    const pthread_t self = ctx->self = ::pthread_self();
+    watch_set watch(ctx->fd);
+    int exit_flag = 0;
+    bool peer_closed = false;
+    if (!allow_cancel()) {
+        on.error_hdlr(self, 1);
+        exit_flag = 1;
+    }
+    while (exit_flag != 1 && !peer_closed) {
+        struct timeval wait = ctx->timeout;
+        fd_set ready = watch.fds;
+        const int count = ::select(watch.highest + 1, &ready, nullptr, nullptr,
+                                   ctx->has_timeout != 0 ? &wait : nullptr);
+        if (count < 0) {
+            if (errno == EINTR || errno == EAGAIN) continue;
+            // The pass goes on, with all that is watched; loop_hdlr may yet withdraw the flag.
+            on.error_hdlr(self, 2);
+            exit_flag = 1;
+        }
+        if (count == 0 && ctx->has_timeout != 0) {
+            on.timeout_hdlr(self, &watch.fds);
+            if (on.loop_hdlr != nullptr) on.loop_hdlr(self, nullptr, &exit_flag);
+            if (exit_flag == 1)
+                TRACE_FILE("get ExitFlag pid=%d,ppid=%d\n", ::getpid(), ::getppid());
+            continue;
+        }
+        if (ctx->listening == 0) {
+            peer_closed = FD_ISSET(ctx->fd, &ready) && serve(*ctx, ctx->fd, &watch);
+            if (peer_closed) continue;
+        } else if (!FD_ISSET(ctx->fd, &ready)) {
+            for (int fd = watch.lowest; fd <= watch.highest; ++fd)
+                if (FD_ISSET(fd, &ready)) (void)serve(*ctx, fd, &watch);
+        } else {
+            // One connection, and nothing else in this pass
+            ipport peer;
+            fd_guard fresh{accept_waiting(ctx->fd, &peer)};
+            if (fresh.get() >= FD_SETSIZE) {
+                TRACE_FILE("fd %d is too large for select\n", fresh.get());
+            } else if (fresh) {
+                const int fd = fresh.release();  // the handlers' from here on
+                watch.add(fd);
+                on.accept_hdlr(self, fd, &peer);
+            }
+        }
+        if (on.loop_hdlr != nullptr) on.loop_hdlr(self, &watch.fds, &exit_flag);
+    }
+    if (peer_closed) on.exit_hdlr(self, 3);
+    TRACE_FILE("Exit pid=%d,ppid=%d\n", ::getpid(), ::getppid());
+    if (!peer_closed) on.exit_hdlr(self, 0);
+    // Cancelled while it frees the record, the thread would leave the heap locked.
+    (void)::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    return nullptr;
+}
+
+}  // namespace
+
+int socket_select(int fd, u32 /* reserved */, u32 seconds, u32 microseconds,
+                  const socket_select_handlers *handlers, pthread_t *thread_out)
+{
+    heap_guard<socket_select_ctx> ctx = allocate<socket_select_ctx>();
+    if (!ctx) {
+        TRACE_FILE("%s\n", text_of(word_malloc));
+        return 1;
+    }
+    ctx->fd = fd;
+    ctx->handlers = *handlers;
+    ctx->timeout.tv_sec = static_cast<time_t>(seconds);
+    ctx->timeout.tv_usec = static_cast<suseconds_t>(microseconds);
+    ctx->has_timeout = (seconds | microseconds) != 0;
+    const socket_select_handlers &on = ctx->handlers;
+    if (ctx->has_timeout != 0 && on.timeout_hdlr == nullptr) {
+        TRACE_FILE("%s\n", text_of(word_handler));
+        return 1;
+    }
+    socklen_t length = sizeof ctx->listening;
+    if (::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &ctx->listening, &length) != 0) {
+        if (errno == ENOTSOCK)
+            TRACE_FILE("fd %d isn't a Socket FD\n", fd);
+        else
+            TRACE_FILE("getsockopt fail\n");
+        return 1;
+    }
+    if (fd >= FD_SETSIZE) {
+        TRACE_FILE("fd %d is too large for select\n", fd);
+        return 1;
+    }
+    // loop_hdlr is asked of listeners alone, though it is called for every kind.
+    const bool for_listener =
+        ctx->listening == 0 || (on.accept_hdlr != nullptr && on.loop_hdlr != nullptr);
+    if (!for_listener || on.recv_hdlr == nullptr || on.close_hdlr == nullptr ||
+        on.error_hdlr == nullptr || on.exit_hdlr == nullptr) {
+        TRACE_FILE("%s\n", text_of(word_handler));
+        return 1;
+    }
+    pthread_t thread;
+    if (!start_detached(socket_select_hdlr, ctx.get(), &thread)) {
+        TRACE_FILE("%s\n", text_of(word_thread));
+        return 1;
+    }
+    (void)ctx.release();  // the thread's
+    *thread_out = thread;
+    return 0;
+}
+
+// ---- Send and receive ---------------------------------------------------------------------------
+
+namespace {
+
+// SOCK_STREAM, SOCK_DGRAM, ...; -1 when fd is no socket.
+int type_of(int fd)
+{
+    int type = -1;
+    socklen_t length = sizeof type;
+    return ::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0 ? type : -1;
+}
+
+// The flag of an option that is set
+int flag_if(u32 options, u32 option, int flag) { return (options & option) != 0 ? flag : 0; }
+
+}  // namespace
+
+int socket_send(int fd, u32 options, const void *buf, u32 *len, const ipport *dest)
+{
+    const int type = type_of(fd);
+    const bool datagram = type == SOCK_DGRAM;
+    const bool to_dest = datagram && (options & SOCKET_OPT_SENDTO) != 0;
+    if (type == -1 || (to_dest && dest == nullptr) ||
+        (datagram && !to_dest && get_socket_state(fd) != 0)) {
+        TRACE_FILE("%s %s\n", text_of(word_socket), text_of(word_send));
+        return 1;
+    }
+    if (!datagram && type != SOCK_STREAM) {
+        TRACE_FILE("%s Can't handle SO_TYPE=%d\n", text_of(word_socket), type);
+        return 1;
+    }
+    struct sockaddr_in address;
+    if (to_dest) address = to_sockaddr(*dest);
+    const int flags = flag_if(options, SOCKET_OPT_SEND_NONBLOCK, MSG_DONTWAIT) |
+                      flag_if(options, SOCKET_OPT_SEND_NOSIGNAL, MSG_NOSIGNAL);
+    // Signed: 2 GiB and more is nothing to send.
+    const int wanted = static_cast<int>(*len);
+    int sent = 0;
+    while (sent < wanted) {
+        const ssize_t now = ::sendto(
+            fd, static_cast<const char *>(buf) + sent, static_cast<size_t>(wanted - sent), flags,
+            to_dest ? generic(address) : nullptr, to_dest ? socklen_t{sizeof address} : 0);
+        if (now < 0) {
+            *len = static_cast<u32>(sent);
+            TRACE_FILE("%s %s errno=%d\n", text_of(word_socket), text_of(word_send), errno);
+            return 1;
+        }
+        sent += static_cast<int>(now);
+    }
+    *len = static_cast<u32>(sent);
+    return 0;
+}
+
+int socket_recv(int fd, u32 options, u8 *buf, int *len, const ipport *src)
+{
+    const int type = type_of(fd);
+    const bool datagram = type == SOCK_DGRAM;
+    const bool from_any = datagram && (options & SOCKET_OPT_RECVFROM) != 0;
+    if (type == -1) {
+        TRACE_FILE("%s %s\n", text_of(word_socket), text_of(word_send));  // "send", on purpose
+        return 1;
+    }
+    if (datagram && (from_any ? src == nullptr : get_socket_state(fd) != 0)) {
+        TRACE_FILE("getsockopt SO_TYPE Error\n");
+        return 1;
+    }
+    if (!datagram && type != SOCK_STREAM) {
+        TRACE_FILE("%s Can't handle SO_TYPE=%d\n", text_of(word_socket), type);
+        return 1;
+    }
+    struct sockaddr_in address;  // the sender's is written there, and handed to nobody
+    if (from_any) address = to_sockaddr(*src);
+    const int flags = flag_if(options, SOCKET_OPT_RECV_PEEK, MSG_PEEK) |
+                      flag_if(options, SOCKET_OPT_RECV_WAITALL, MSG_WAITALL);
+    const int wanted = *len;
+    int received = 0;
+    while (received < wanted) {
+        socklen_t length = 4;  // anew: a call leaves the sender's there, which may be longer
+        const ssize_t now =
+            ::recvfrom(fd, buf + received, static_cast<size_t>(wanted - received), flags,
+                       from_any ? generic(address) : nullptr, from_any ? &length : nullptr);
+        if (now < 0) {
+            *len = received;
+            TRACE_FILE("%s %s errno=%d\n", text_of(word_socket), text_of(word_recv), errno);
+            return 1;
+        }
+        if (now == 0 && !datagram) {  // the end of the stream: no more will come
+            *len = received;
+            return 1;
+        }
+        received += static_cast<int>(now);
+    }
+    *len = received;
+    return 0;
+}
+
+// ---- Addresses and ports ------------------------------------------------------------------------
+
+int ipport_convert_n2n(u32 ip, u16 port, ipport *out)
+{
+    *out = {ip, port};
+    return 0;
+}
+
+int ipport_convert_h2n(u32 ip, u16 port, ipport *out)
+{
+    return ipport_convert_n2n(htonl(ip), htons(port), out);
+}
+
+int ipport_string_convert_n2n(const char *ip_text, u16 port, ipport *out)
+{
+    if (string2ip(ip_text, &out->ip) != 0) return 1;
+    out->port = port;
+    return 0;
+}
+
+int ipport_string_convert_h2n(const char *ip_text, u16 port, ipport *out)
+{
+    return ipport_string_convert_n2n(ip_text, htons(port), out);
+}
