@@ -8,14 +8,15 @@
  *     passed in are copied; the caller keeps what it passed.
  *  2. A name given to a function is an interface name, compared exactly. Of a longer one the first
  *     31 characters are stored, and only they find it again.
- *  3. Nothing here takes a lock: callers serialise all calls that
+ *  3. Nothing here takes a lock, the bandwidth monitor apart: callers serialise all calls that
  *     share a list, an interface, the rules, the schedules or the log table, readers included. All
  *     other functions keep no state and may run on any thread.
  *  4. Status codes differ between the families; each family says its own. No function reports
  *     through errno.
  *  5. Diagnostics are trace lines "[source: line function()]:::message", appended to
- *     /var/tmp/tarnic.log (conversions, IPC, sockets) or /dev/console (tree, rules, schedules),
- *     one write each. A sink that cannot be opened is skipped. "Traces" below names the message.
+ *     /var/tmp/tarnic.log (conversions, IPC, sockets) or /dev/console (tree, rules, schedules,
+ *     bandwidth monitor), one write each. A sink that cannot be opened is skipped. "Traces" below
+ *     names the message.
  *  6. Texts that reach a script are written as they are, unquoted: whoever fills a record from
  *     outside input checks it first.
  *  7. Descriptors that the library opens are close-on-exec.
@@ -782,6 +783,72 @@ int ipport_convert_h2n(u32 ip, u16 port, ipport *out);
 /* ip_text: as string2ip takes it. Return 0; 1 when it is no address (out->port untouched). */
 int ipport_string_convert_n2n(const char *ip_text, u16 port, ipport *out);
 int ipport_string_convert_h2n(const char *ip_text, u16 port, ipport *out);
+
+/* ---- Bandwidth monitor ----------------------------------------------------------------------
+ * A thread that samples the byte counters of registered interfaces and keeps their rates, in bytes
+ * per second. The registry is its owner's record, guarded by a semaphore of its own.
+ *
+ *  1. All functions but bm_start return 1 for success and 0 for failure.
+ *  2. They lock for themselves and may run on any thread. Who walks the records, to read a history,
+ *     holds the lock meanwhile: downdown and upup on semid.
+ *  3. interval, keep_history and stop may be written at any time, without the lock. Setting bit 0
+ *     of stop ends the thread within a period; it then empties the registry. A registry that had an
+ *     interface until then may be freed as soon as its list is seen empty under the lock; of one
+ *     without, nothing tells, and it stays for a period more. Entries of histories are not freed.
+ *  4. Traces go to /dev/console; those of a failing lock (a signal that interrupts the wait is one)
+ *     to /var/tmp/tarnic.log, and work goes on unlocked.
+ *  5. The thread takes no signals.
+ */
+
+typedef struct bm_list {
+    list_head list;  /* bm_iface records, by node, in order of registration */
+    u8 count;        /* registrations ever made, modulo 256 */
+    u8 keep_history; /* non-zero: rates are kept */
+    u8 interval;     /* seconds; 0 works as 1 */
+    u8 stop;         /* bit 0: end the thread */
+    int32_t semid;   /* the lock; -1: none */
+} bm_list;
+
+typedef struct bm_iface {
+    list_head node;    /* on its registry's list */
+    char ifname[32];   /* at most 31 characters */
+    u64 last_rx;       /* bytes, at the last sample */
+    u64 last_tx;       /* bytes, at the last sample */
+    u64 rx_rate;       /* bytes per second */
+    u64 tx_rate;       /* bytes per second */
+    u16 flags;         /* bit 0: sampled at least once */
+    list_head history; /* bm_sample records, by node, oldest first */
+    u16 history_cnt;   /* at most 257 */
+} bm_iface;
+
+typedef struct bm_sample {
+    list_head node; /* on its interface's history */
+    u64 rx_rate;    /* bytes per second */
+    u64 tx_rate;    /* bytes per second */
+} bm_sample;
+
+/* Sets up a registry, and its lock, which is set free (see sem_create).
+ * registry: overwritten. key: the lock's. interval: seconds. keep_history: non-zero: keep rates.
+ * Returns 1; 0 when the lock could not be made. The caller removes it with sem_delete. */
+int init_bm(bm_list *registry, int key, u8 interval, u8 keep_history);
+
+/* Registers an interface, which need not exist yet; one that is registered starts anew, and its
+ * history is freed. Returns 1; 0 when out of memory, and then it is not registered. */
+int add_bm_by_iface(const char *ifname, bm_list *registry);
+
+/* Frees an interface's record with its history. Returns 1; 0 when it is not registered. */
+int del_bm_by_iface(const char *ifname, bm_list *registry);
+
+/* The current rates of an interface.
+ * out: receives rx_rate and tx_rate; its node is not written.
+ * Returns 1 (rates 0 until the second sample); 0 when the interface is not registered or was never
+ * sampled. */
+int query_bm_by_iface(const char *ifname, bm_list *registry, bm_sample *out);
+
+/* Starts the sampling thread, detached.
+ * registry: set up by init_bm; lives until the thread has emptied it.
+ * Returns 0 when it runs, 1 when not. The thread traces "bmThread Exit" when it ends. */
+int bm_start(bm_list *registry);
 
 /* ---- Log files ------------------------------------------------------------------------------
  * Up to eight append-only files of lines "FIRST|SECOND|SECONDS", the last the time since the Unix

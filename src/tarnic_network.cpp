@@ -1,5 +1,6 @@
-// Interface queries, sockets, the select dispatcher, transfer and addresses. No state; safe on any
-// thread.
+// Interface queries, sockets, the select dispatcher, transfer, addresses and the bandwidth monitor.
+// Of these only the monitor shares anything between threads: its caller's registry, under the
+// registry's semaphore.
 
 #include "tarnic_network.h"
 
@@ -13,10 +14,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstring>
 #include <iterator>
 
 #include "guards.h"
+#include "list_range.h"
 
 #define TRACE_SOURCE tarnic_network
 #include "trace.h"
@@ -665,4 +668,185 @@ int ipport_string_convert_n2n(const char *ip_text, u16 port, ipport *out)
 int ipport_string_convert_h2n(const char *ip_text, u16 port, ipport *out)
 {
     return ipport_string_convert_n2n(ip_text, htons(port), out);
+}
+
+// ---- Bandwidth monitor --------------------------------------------------------------------------
+
+namespace {
+
+constexpr u16 sampled = 1;          // bm_iface.flags
+constexpr u8 stop_wanted = 1;       // bm_list.stop
+constexpr u16 history_limit = 257;  // entries of bm_iface.history
+
+// A registry's lock; failures are traced with the holder's place, and otherwise not heeded.
+class registry_lock {
+public:
+    registry_lock(int semid, int line, const char *function)
+        : semid_(semid), line_(line), function_(function)
+    {
+        (void)downdown(semid_, "tarnic_network", line_, function_);
+    }
+    registry_lock(const registry_lock &) = delete;
+    registry_lock &operator=(const registry_lock &) = delete;
+    ~registry_lock() { (void)upup(semid_, "tarnic_network", line_, function_); }
+
+private:
+    int semid_;
+    int line_;
+    const char *function_;
+};
+
+bm_iface *find_iface(const bm_list &registry, const char *ifname)
+{
+    for (bm_iface &iface : each<&bm_iface::node>(registry.list))
+        if (::strcmp(iface.ifname, ifname) == 0) return &iface;
+    return nullptr;
+}
+
+// A field that the owner writes without the lock.
+u8 read_shared(const u8 *field) { return __atomic_load_n(field, __ATOMIC_ACQUIRE); }
+
+// Bytes per second, of a difference modulo 2^64: a counter that went backwards is not heeded.
+// Seconds: 1..255. As on paper, by digits of 32, 16 and 16 bits: 64-bit division would bring in
+// 1 KiB of libgcc.
+u64 rate_of(u64 now, u64 last, u32 seconds)
+{
+    const u64 bytes = now - last;
+    const u32 high = static_cast<u32>(bytes >> 32);
+    const u32 low = static_cast<u32>(bytes);
+    const u32 middle = high % seconds << 16 | low >> 16;
+    const u32 end = middle % seconds << 16 | (low & 0xffff);
+    return u64{high / seconds} << 32 | (middle / seconds << 16 | end / seconds);
+}
+
+// Without memory this sample's entry is missing.
+void keep_rates(bm_iface *iface)
+{
+    bm_sample *entry = nullptr;
+    if (iface->history_cnt >= history_limit) {
+        entry = &record_of<&bm_sample::node>(iface->history.next);
+        list_del(&entry->node);
+        --iface->history_cnt;
+    } else {
+        entry = allocate<bm_sample>().release();
+        if (entry == nullptr) return;
+    }
+    entry->rx_rate = iface->rx_rate;
+    entry->tx_rate = iface->tx_rate;
+    ++iface->history_cnt;
+    list_add_tail(&entry->node, &iface->history);
+}
+
+// The first sample only primes the counters.
+void sample(bm_iface *iface, bool keep_history, u32 seconds)
+{
+    if_rxtx now{};
+    if (get_rxtx_by_ifname(iface->ifname, &now) != 0) return;
+    if ((iface->flags & sampled) != 0) {
+        iface->rx_rate = rate_of(now.rx_bytes, iface->last_rx, seconds);
+        iface->tx_rate = rate_of(now.tx_bytes, iface->last_tx, seconds);
+        if (keep_history) keep_rates(iface);
+    }
+    iface->flags |= sampled;
+    iface->last_rx = now.rx_bytes;
+    iface->last_tx = now.tx_bytes;
+}
+
+}  // namespace
+
+int init_bm(bm_list *registry, int key, u8 interval, u8 keep_history)
+{
+    ::memset(registry, 0, sizeof *registry);
+    registry->interval = interval;
+    registry->keep_history = keep_history;
+    list_init(&registry->list);
+    return sem_create(key, &registry->semid) == 0;
+}
+
+int add_bm_by_iface(const char *ifname, bm_list *registry)
+{
+    char name[sizeof bm_iface::ifname] = {};
+    ::strncpy(name, ifname, sizeof name - 1);
+    (void)del_bm_by_iface(name, registry);
+    bm_iface *fresh = allocate<bm_iface>().release();
+    if (fresh == nullptr) return 0;
+    ::memcpy(fresh->ifname, name, sizeof name);
+    list_init(&fresh->history);
+    const registry_lock lock(registry->semid, __LINE__, __func__);
+    list_add_tail(&fresh->node, &registry->list);
+    ++registry->count;
+    return 1;
+}
+
+int del_bm_by_iface(const char *ifname, bm_list *registry)
+{
+    const registry_lock lock(registry->semid, __LINE__, __func__);
+    bm_iface *old = find_iface(*registry, ifname);
+    if (old == nullptr) return 0;
+    for (bm_sample &entry : each<&bm_sample::node>(old->history)) ::free(&entry);
+    list_del(&old->node);
+    ::free(old);
+    return 1;
+}
+
+int query_bm_by_iface(const char *ifname, bm_list *registry, bm_sample *out)
+{
+    const registry_lock lock(registry->semid, __LINE__, __func__);
+    const bm_iface *iface = find_iface(*registry, ifname);
+    if (iface == nullptr || (iface->flags & sampled) == 0) return 0;
+    out->rx_rate = iface->rx_rate;
+    out->tx_rate = iface->tx_rate;
+    return 1;
+}
+
+namespace mordel {
+
+void bm_scan(bm_list *registry, u32 seconds)
+{
+    const bool keep_history = read_shared(&registry->keep_history) != 0;
+    for (bm_iface &iface : each<&bm_iface::node>(registry->list))
+        sample(&iface, keep_history, seconds);
+}
+
+void *bmThread(void *arg)
+{
+    // A handler that ran here would interrupt a lock, and what is unlocked without being locked
+    // stays open for good.
+    sigset_t all;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
+    auto *registry = static_cast<bm_list *>(arg);
+    const int semid = registry->semid;
+    u32 seconds = 1;
+    for (;;) {
+        {
+            const registry_lock lock(semid, __LINE__, __func__);
+            if ((read_shared(&registry->stop) & stop_wanted) != 0) break;
+            bm_scan(registry, seconds);
+            seconds = std::max<u32>(read_shared(&registry->interval), 1);
+        }
+        ::sleep(seconds);
+    }
+    TRACE_CONSOLE("bmThread Exit\n");
+    const registry_lock lock(semid, __LINE__, __func__);
+    // Once the list reads empty the registry may be freed, by an owner who looks without the lock
+    // too: that is the last that is written there.
+    list_head *const head = &registry->list;
+    list_head *node = head->next;
+    head->prev = head;
+    __atomic_store_n(&head->next, head, __ATOMIC_RELEASE);
+    while (node != head) {
+        bm_iface *gone = &record_of<&bm_iface::node>(node);
+        node = node->next;
+        ::free(gone);  // without its history, on purpose: who kept a list of entries still has it
+    }
+    return nullptr;
+}
+
+}  // namespace mordel
+
+int bm_start(bm_list *registry)
+{
+    pthread_t thread;
+    return start_detached(bmThread, registry, &thread) ? 0 : 1;
 }

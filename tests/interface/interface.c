@@ -417,6 +417,38 @@ static void dispatcher(void)
     AT(socket_select_handlers, exit_hdlr, 24, 48);
 }
 
+static void bandwidth(void)
+{
+    int (*const init)(bm_list *, int, u8, u8) = init_bm;
+    int (*const add)(const char *, bm_list *) = add_bm_by_iface;
+    int (*const del)(const char *, bm_list *) = del_bm_by_iface;
+    int (*const query)(const char *, bm_list *, bm_sample *) = query_bm_by_iface;
+    int (*const start)(bm_list *) = bm_start;
+
+    (void)init, (void)add, (void)del, (void)query, (void)start;
+    SIZE(bm_list, 16, 24);
+    AT(bm_list, list, 0, 0);
+    AT(bm_list, count, 8, 16);
+    AT(bm_list, keep_history, 9, 17);
+    AT(bm_list, interval, 10, 18);
+    AT(bm_list, stop, 11, 19);
+    AT(bm_list, semid, 12, 20);
+    SIZE(bm_iface, 88, 112);
+    AT(bm_iface, node, 0, 0);
+    AT(bm_iface, ifname, 8, 16);
+    AT(bm_iface, last_rx, 40, 48);
+    AT(bm_iface, last_tx, 48, 56);
+    AT(bm_iface, rx_rate, 56, 64);
+    AT(bm_iface, tx_rate, 64, 72);
+    AT(bm_iface, flags, 72, 80);
+    AT(bm_iface, history, 76, 88);
+    AT(bm_iface, history_cnt, 84, 104);
+    SIZE(bm_sample, 24, 32);
+    AT(bm_sample, node, 0, 0);
+    AT(bm_sample, rx_rate, 8, 16);
+    AT(bm_sample, tx_rate, 16, 24);
+}
+
 static void log_files(void)
 {
     u8 (*const is_init)(void) = isLogSysInit;
@@ -454,6 +486,7 @@ int main(void)
     interface_queries();
     sockets();
     dispatcher();
+    bandwidth();
     log_files();
     return failures == 0 ? 0 : 1;
 }
