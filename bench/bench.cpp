@@ -3,6 +3,9 @@
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -148,6 +151,99 @@ void lookup(benchmark::State &state)
     del_root_qdisc("bench0");
 }
 BENCHMARK(lookup)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+// A report of 64 classes, against its lines written one by one.
+void report(benchmark::State &state)
+{
+    declare("bench0");
+    const std::string line(110, 'x');
+    compare(
+        state, [] { show_ifqos("bench0"); },
+        [&] {
+            for (int i = 0; i < 4 + 1 + 2 * 64; ++i)
+                write_raw("/dev/console", O_APPEND, 0600, line);
+        });
+    del_root_qdisc("bench0");
+}
+BENCHMARK(report)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+// An interface's counters, against the file read and nothing looked at.
+void counters(benchmark::State &state)
+{
+    compare(
+        state,
+        [] {
+            if_rxtx now;
+            need(get_rxtx_by_ifname("lo", &now) == 0, "get_rxtx_by_ifname");
+        },
+        [] {
+            FILE *in = std::fopen("/proc/net/dev", "re");
+            need(in != nullptr, "/proc/net/dev");
+            char line[256];
+            while (std::fgets(line, sizeof line, in) != nullptr) benchmark::DoNotOptimize(line);
+            std::fclose(in);
+        });
+}
+BENCHMARK(counters)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+// 4 KiB there and back over a connected pair, against bare send and recv.
+void transfer(benchmark::State &state)
+{
+    int pair[2];
+    need(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) == 0, "socketpair");
+    std::vector<u8> bytes(4096);
+    compare(
+        state,
+        [&] {
+            u32 sent = 4096;
+            int received = 4096;
+            need(socket_send(pair[0], 0, bytes.data(), &sent, nullptr) == 0, "socket_send");
+            need(socket_recv(pair[1], 0, bytes.data(), &received, nullptr) == 0, "socket_recv");
+        },
+        [&] {
+            need(::send(pair[0], bytes.data(), bytes.size(), 0) == 4096, "send");
+            need(::recv(pair[1], bytes.data(), bytes.size(), 0) == 4096, "recv");
+        });
+    ::close(pair[0]);
+    ::close(pair[1]);
+}
+BENCHMARK(transfer)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+// A query of the monitor, against its two semaphore operations.
+void query(benchmark::State &state)
+{
+    bm_list registry;
+    need(init_bm(&registry, IPC_PRIVATE, 1, 0) == 1, "init_bm");
+    need(add_bm_by_iface("lo", &registry) == 1, "add_bm_by_iface");
+    compare(
+        state,
+        [&] {
+            bm_sample rates;
+            need(query_bm_by_iface("lo", &registry, &rates) == 0, "query_bm_by_iface");
+        },
+        [&] {
+            struct sembuf step = {0, -1, SEM_UNDO};
+            need(::semop(registry.semid, &step, 1) == 0, "semop");
+            step.sem_op = 1;
+            need(::semop(registry.semid, &step, 1) == 0, "semop");
+        });
+    del_bm_by_iface("lo", &registry);
+    sem_delete(registry.semid);
+}
+BENCHMARK(query)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+// A log line, against the same open, write and close; every 128th is renamed besides.
+void log_line(benchmark::State &state)
+{
+    initLogSys();
+    const int log = createLog("bench", "bench.log", "/var/tmp");
+    need(log == 0, "createLog");
+    const std::string line = "bench|something happened|1700000000\n";
+    compare(
+        state, [&] { putlog(log, "bench", "something happened"); },
+        [&] { write_raw("/var/tmp/floor", O_APPEND, 0644, line); });
+}
+BENCHMARK(log_line)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 
