@@ -183,7 +183,7 @@ FILE *__wrap_popen(const char *command, const char *mode)
 int __real_socket(int, int, int);
 int __wrap_socket(int family, int type, int protocol)
 {
-    const noted call("socket", {"", "", -1, type});
+    const noted call("socket", {"", std::to_string(protocol), -1, type});
     return call.fail ? -1 : call.result(__real_socket(family, type, protocol));
 }
 

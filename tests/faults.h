@@ -13,6 +13,7 @@ namespace test {
 struct call {
     std::string function;  // "open"
     std::string text;      // open, unlink: the path; fopen: "PATH MODE"; rename: "FROM TO";
+                           // socket: the protocol's number;
                            // write: the bytes; system, popen: the command
     int fd = -1;           // open, socket, accept4: what it returned; what takes one: its argument
     int flags = 0;         // open: its flags; socket: its type; ioctl: its request;

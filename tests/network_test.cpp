@@ -551,6 +551,7 @@ TEST_F(InterfaceAddress, IsAskedOnOneRawSocketThatIsClosed)
         const auto opened = watch.calls("socket");
         ASSERT_EQ(1U, opened.size());
         EXPECT_EQ(SOCK_RAW | SOCK_CLOEXEC, opened[0].flags);
+        EXPECT_EQ("255", opened[0].text);  // IPPROTO_RAW
         EXPECT_EQ(query.requests, requests_of(watch));
         for (const auto &call : watch.calls("ioctl")) EXPECT_EQ(opened[0].fd, call.fd);
         const auto closed = watch.calls("close");
