@@ -241,10 +241,13 @@ union semctl_argument {
 int __real_semctl(int, int, int, ...);
 int __wrap_semctl(int id, int number, int command, ...)
 {
-    va_list args;
-    va_start(args, command);
-    const semctl_argument argument = va_arg(args, semctl_argument);
-    va_end(args);
+    semctl_argument argument{};
+    if (command != IPC_RMID) {  // which has none, and some machines pass a union by its address
+        va_list args;
+        va_start(args, command);
+        argument = va_arg(args, semctl_argument);
+        va_end(args);
+    }
     const noted call("semctl", {"", "", -1, command});
     return call.fail ? -1 : __real_semctl(id, number, command, argument);
 }

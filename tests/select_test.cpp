@@ -1319,8 +1319,34 @@ TEST_F(Dispatcher, OneTableServesSeveralDispatchersAtOnce)
     EXPECT_EQ(2, std::count(lines.begin(), lines.end(), said("Exit")));
 }
 
+// A cancelled thread is unwound from a signal's frame, which aborts under qemu-ppc. Tried in a
+// process of its own.
+bool threads_can_be_cancelled()
+{
+#ifdef __powerpc__
+    const pid_t child = ::fork();
+    if (child == 0) {
+        std::atomic<bool> ready{false};
+        const auto wait = [](void *flag) -> void * {
+            (void)pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
+            *static_cast<std::atomic<bool> *>(flag) = true;
+            for (;;) ::pause();
+        };
+        pthread_t id{};
+        if (pthread_create(&id, nullptr, wait, &ready) != 0) ::_exit(1);
+        while (!ready) ::usleep(1000);
+        ::_exit(pthread_cancel(id) == 0 && pthread_join(id, nullptr) == 0 ? 0 : 1);
+    }
+    int status = -1;
+    return child > 0 && ::waitpid(child, &status, 0) == child && status == 0;
+#else
+    return true;
+#endif
+}
+
 TEST_F(Dispatcher, CancelledOneSaysNothingMore)
 {
+    if (!threads_can_be_cancelled()) GTEST_SKIP() << "this emulator aborts a cancelled thread";
     at_recv_ = [](int fd) { EXPECT_EQ("x", take(fd)); };
     for (const size_t passes : {0U, 1U}) {
         use_stream();

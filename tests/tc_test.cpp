@@ -1,6 +1,7 @@
 // The tree rendered as tc commands, and the scripts that hold them.
 
 #include <array>
+#include <bit>
 #include <clocale>
 #include <cstdlib>
 #include <cstring>
@@ -817,7 +818,10 @@ std::string grouping_locale()
     const std::string made = "en_US.UTF-8";
     for (const std::string &name : {made, std::string("de_DE.UTF-8"), std::string("fr_FR.UTF-8")})
         if (std::setlocale(LC_ALL, name.c_str()) != nullptr) return name;
-    const std::string make = "localedef -i en_US -f UTF-8 /var/tmp/" + made + " >/dev/null 2>&1";
+    // In this program's byte order, which under emulation is not localedef's own
+    const std::string order = std::endian::native == std::endian::big ? "big" : "little";
+    const std::string make =
+        "localedef --" + order + "-endian -i en_US -f UTF-8 /var/tmp/" + made + " >/dev/null 2>&1";
     if (std::system(make.c_str()) != 0) return "";
     ::setenv("LOCPATH", "/var/tmp", 1);
     return std::setlocale(LC_ALL, made.c_str()) != nullptr ? made : "";
