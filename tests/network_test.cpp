@@ -353,6 +353,42 @@ TEST_F(InterfaceCounters, CounterThatIsTooLargeLeavesItsNeighboursAlone)
         }
 }
 
+// Line i of a router's counter file: the wide columns above 2^32, the others up to their last
+// value.
+std::string port_name(u64 i) { return "port" + std::to_string(1000 + i); }
+
+counters port_counters(u64 i)
+{
+    counters all;
+    for (u64 n = 0; n < 16; ++n) {
+        const bool wide = n == 0 || n == 1 || n == 8 || n == 9;
+        all.push_back(wide ? ((i + 1) << 32) * (n + 1) + 0x01020304 : 0xFFFFFFFF - 16 * i - n);
+    }
+    return all;
+}
+
+TEST_F(InterfaceCounters, OfAThousandInterfacesAreEachItsOwn)
+{
+    constexpr u64 ports = 1000;
+    std::string text = two_lines;
+    for (u64 i = 0; i < ports; ++i) {
+        text += port_name(i) + ":";
+        for (const u64 value : port_counters(i)) text += " " + std::to_string(value);
+        text += "\n";
+    }
+    const counter_file file(text);
+    for (const u64 i : {u64{0}, ports / 2, ports - 1})
+        EXPECT_EQ(port_counters(i), queried(port_name(i))) << port_name(i);
+    EXPECT_EQ(first(0), queried(port_name(ports), 1));
+
+    // Once by hand: the bytes sent of the last one
+    if_rxtx last{};
+    EXPECT_EQ(0, get_rxtx_by_ifname("port1999", &last));
+    EXPECT_EQ(4294967296000U + 16909060U, last.rx_bytes);
+    EXPECT_EQ(38654705664000U + 16909060U, last.tx_bytes);
+    EXPECT_EQ(4294951296U, last.tx_compressed);
+}
+
 TEST_F(InterfaceCounters, FirstTwoLinesAreNoInterfaces)
 {
     const std::string line = "eth0: 70 71\n";
