@@ -201,6 +201,8 @@ void expect_golden(const std::string &name, const std::string &text)
 {
     const std::string path = std::string(MORDEL_GOLDEN_DIR) + "/" + name;
     if (std::getenv("MORDEL_BLESS") != nullptr) return write_file(path, text);
+    if (const char *out = std::getenv("MORDEL_GOLDEN_OUT"); out != nullptr)
+        write_file(std::string(out) + "/" + name, text);
     EXPECT_EQ(read_file(path), text) << "differs from " << path << " (MORDEL_BLESS=1 rewrites it)";
 }
 

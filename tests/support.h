@@ -57,6 +57,7 @@ bool exists(const std::string &path);
 unsigned mode_of(const std::string &path);  // the permission bits, as 0700
 
 // Compares `text`, byte for byte, with tests/golden/NAME. MORDEL_BLESS=1 rewrites the file instead.
+// MORDEL_GOLDEN_OUT names a directory that receives the text as well.
 void expect_golden(const std::string &name, const std::string &text);
 
 // Fills a char array with a text and zeros; a text of the array's length leaves no NUL.

@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
 # examples.sh ECHO_SERVICE BANDWIDTH: the two in namespaces of their own, against each other.
+# EMULATOR: the command that runs programs of another machine, if these are.
 set -euo pipefail
+
+read -ra emulator <<<"${EMULATOR:-}"
 
 if [ "${3:-}" != inside ]; then
     own=(-mni)
@@ -20,7 +23,7 @@ fail()
     exit 1
 }
 
-"$1" 127.0.0.1 7007 >said &
+"${emulator[@]}" "$1" 127.0.0.1 7007 >said &
 service=$!
 trap 'kill "$service" 2>/dev/null || true' EXIT
 for _ in $(seq 100); do
@@ -45,7 +48,7 @@ done
 [ "$(grep -c ': closed$' said)" = 2 ] || fail "not two clients closed"
 
 # Something to measure while the printer runs: a packet each 10 ms
-"$2" 1 2 lo nowhere >rates &
+"${emulator[@]}" "$2" 1 2 lo nowhere >rates &
 printer=$!
 while kill -0 "$printer" 2>/dev/null; do
     printf '%01000d' 0 >/dev/udp/127.0.0.1/9 || true
@@ -57,7 +60,7 @@ wait "$printer" || fail "the printer failed"
     fail "no rates"
 [ "$(grep -c '^nowhere         no such interface$' rates)" = 2 ] || fail "an interface from nowhere"
 
-"$2" 1 0 lo >rates &
+"${emulator[@]}" "$2" 1 0 lo >rates &
 printer=$!
 for _ in $(seq 100); do
     grep -q '^lo ' rates && break
@@ -70,6 +73,6 @@ ipcs -s | grep -q '^0x' && fail "a semaphore was left"
 kill -TERM "$service"
 wait "$service" || fail "the service failed"
 tail -n 1 said | grep -q '^ended$' || fail "the service did not end"
-"$1" 127.0.0.1 0 2>/dev/null && fail "a port of 0 was taken"
-"$2" 0 0 lo 2>/dev/null && fail "a period of 0 was taken"
+"${emulator[@]}" "$1" 127.0.0.1 0 2>/dev/null && fail "a port of 0 was taken"
+"${emulator[@]}" "$2" 0 0 lo 2>/dev/null && fail "a period of 0 was taken"
 cat rates

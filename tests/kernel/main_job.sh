@@ -1,6 +1,7 @@
 #!/bin/sh
 # main_job.sh ROUTER GOLDEN: the home router's scripts are those of GOLDEN, and a real kernel takes
-# them. MORDEL_BLESS=1 rewrites GOLDEN instead of comparing with it.
+# them. MORDEL_BLESS=1 rewrites GOLDEN instead of comparing with it. EMULATOR: the command that runs
+# programs of another machine, if ROUTER is one.
 set -eu
 
 router=$1 golden=$2
@@ -8,7 +9,8 @@ here=$(cd "$(dirname "$0")" && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-"$here/../private" "$router" "$work" >/dev/null
+# shellcheck disable=SC2086  # a command and its options
+"$here/../private" ${EMULATOR:-} "$router" "$work" >/dev/null
 
 [ -z "${MORDEL_BLESS:-}" ] || cp "$work"/* "$golden/"
 diff -r "$golden" "$work"

@@ -1,0 +1,8 @@
+# 32-bit x86, by Debian's g++-i686-linux-gnu. An x86-64 machine runs what it builds, given the loader
+# and the libraries.
+set(target i686-linux-gnu)
+set(target_processor i686)
+set(target_flags "")
+set(CMAKE_CROSSCOMPILING_EMULATOR
+  /usr/${target}/lib/ld-linux.so.2 --library-path /usr/${target}/lib)
+include(${CMAKE_CURRENT_LIST_DIR}/debian_cross.cmake)
