@@ -159,14 +159,14 @@ void add_rules(unsigned char byte)
     target->kind = 0;
     target->value.raw = 12;
     for (const char *ifname : {"lan0", "wan0", "wifi0"})
-        ASSERT_EQ(1, add_qos_rule(ifname, 42, match.get(), target.get()));
+        for (const u8 index : {u8{7}, u8{42}})
+            ASSERT_EQ(1, add_qos_rule(ifname, index, match.get(), target.get()));
     match->dscp_mode = 1;
     match->dscp_value.class_id = 21;
     target->kind = 1;
     target->value.class_id = 9;
     for (const char *ifname : {"lan0", "wan0", "wifi0"})
         ASSERT_EQ(1, modify_qos_rule(ifname, 42, match.get(), target.get()));
-    ASSERT_EQ(1, add_qos_rule("lan0", 7, match.get(), target.get()));
 }
 
 std::string numbers(std::initializer_list<int> all)
