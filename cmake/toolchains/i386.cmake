@@ -5,4 +5,6 @@ set(target_processor i686)
 set(target_flags "")
 set(CMAKE_CROSSCOMPILING_EMULATOR
   /usr/${target}/lib/ld-linux.so.2 --library-path /usr/${target}/lib)
+# A user-mode Linux of that machine runs no 32-bit x86.
+set(MORDEL_GUEST_EMULATOR qemu-i386 -L /usr/${target})
 include(${CMAKE_CURRENT_LIST_DIR}/debian_cross.cmake)
