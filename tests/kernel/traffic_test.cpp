@@ -17,12 +17,12 @@
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <sstream>
 #include <string>
@@ -166,8 +166,8 @@ void set_option(const descriptor &s, int level, int option, int value)
 
 struct counter {
     std::string kind;  // tc's name for it
-    std::uint64_t packets = 0;
-    std::uint64_t dropped = 0;
+    u64 packets = 0;
+    u64 dropped = 0;
 };
 
 using counters = std::map<u32, counter>;  // by class handle
@@ -232,14 +232,14 @@ counters read_counters(const std::string &object)
     return all;
 }
 
-std::uint64_t sum(const counters &all)
+u64 sum(const counters &all)
 {
-    std::uint64_t packets = 0;
+    u64 packets = 0;
     for (const auto &[handle, one] : all) packets += one.packets;
     return packets;
 }
 
-using packet_counts = std::map<u32, std::uint64_t>;  // by class handle
+using packet_counts = std::map<u32, u64>;  // by class handle
 
 packet_counts risen(const counters &before, const counters &after)
 {
