@@ -39,11 +39,15 @@ stream_guard open_script(const char *path)
     const int own = fd.release();  // the stream's from here on
     if (::ftruncate(own, 0) != 0) return nullptr;
     (void)::fchmod(own, S_IRWXU);  // best effort: some file systems know no modes
+    return script;
+}
+
+void write_script_header(FILE *out)
+{
     ::fputs("#!/bin/sh\n"
             "#Generate by tarnic\n"
             "#Author: Ora Vel\n",
-            script.get());
-    return script;
+            out);
 }
 
 }  // namespace mordel

@@ -562,6 +562,16 @@ int remove_qos_rule(FILE *out, const char *ifname)
     return 0;
 }
 
+namespace mordel {
+
+void rules2script(FILE *out, const char *ifname, list_head *rules)
+{
+    write_script_header(out);
+    (void)renew_qos_rule(out, ifname, rules);
+}
+
+}  // namespace mordel
+
 int restart_rule(const char *ifname)
 {
     char path[64];
@@ -576,7 +586,7 @@ int restart_rule(const char *ifname)
         TRACE_CONSOLE("Can't open tmp file!!\n");
         return 0;
     }
-    (void)renew_qos_rule(script.get(), ifname, rules);
+    rules2script(script.get(), ifname, rules);
     script.reset();  // closed before it runs: a file open for writing cannot be executed
     (void)_system("%s", path);
     return 1;

@@ -62,6 +62,9 @@ void flush_rule_chains(FILE *out, const char *prefix, const char *ifname);
 void delete_rule_chains(FILE *out, const char *prefix, const char *ifname);
 void renew_rule_chains(FILE *out, const char *prefix, const char *ifname);
 
+// The rule script whole
+void rules2script(FILE *out, const char *ifname, list_head *rules);
+
 // ---- Report ------------------------------------------------------------------------------------
 
 void show_match(const qos_match *match);

@@ -400,32 +400,49 @@ void emit_rule_stop(FILE *out, qos_if *rec) { (void)remove_qos_rule(out, rec->if
 
 namespace {
 
-// Writes one of the two scripts: what both begin with, then the rest. 1; 0 when it could not.
-int write_script(const char *path, const char *ifname, void (*rest)(FILE *, qos_if *))
+void write_opening(FILE *out, const char *ifname)
+{
+    write_script_header(out);
+    ::fprintf(out, "tc qdisc del dev %s root 2>/dev/null\n", ifname);
+}
+
+// Writes one of the two scripts to its place. 1; 0 when it could not.
+int write_script(const char *path, const char *ifname,
+                 void (*write)(FILE *, const char *, qos_if *))
 {
     qos_if *rec = root_qdisc_find_by_name(ifname);
     if (rec == nullptr) return 0;
     const stream_guard script = open_script(path);
     if (!script) return 0;
-    ::fprintf(script.get(), "tc qdisc del dev %s root 2>/dev/null\n", ifname);
-    rest(script.get(), rec);
+    write(script.get(), ifname, rec);
     return 1;
 }
 
 }  // namespace
+
+void start2script(FILE *out, const char *ifname, qos_if *rec)
+{
+    write_opening(out, ifname);
+    root2cmd(out, rec);
+    emit_rule_start(out, rec);
+}
+
+void stop2script(FILE *out, const char *ifname, qos_if *rec)
+{
+    write_opening(out, ifname);
+    emit_rule_stop(out, rec);
+}
+
 }  // namespace mordel
 
 int start_qos(const char *ifname)
 {
-    return write_script("/var/tmp/qos_start", ifname, [](FILE *out, qos_if *rec) {
-        root2cmd(out, rec);
-        emit_rule_start(out, rec);
-    });
+    return write_script("/var/tmp/qos_start", ifname, start2script);
 }
 
 int stop_qos(const char *ifname)
 {
-    return write_script("/var/tmp/qos_stop", ifname, emit_rule_stop);
+    return write_script("/var/tmp/qos_stop", ifname, stop2script);
 }
 
 int restart_qos(const char *ifname) { return stop_qos(ifname) == 0 ? 0 : start_qos(ifname); }

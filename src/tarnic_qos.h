@@ -54,6 +54,10 @@ void do_leaf2cmd(FILE *out, const char *ifname, u16 handle, const leaf_qdisc *le
 void emit_rule_start(FILE *out, qos_if *rec);
 void emit_rule_stop(FILE *out, qos_if *rec);
 
+// The two scripts whole. ifname: the name as the caller gave it.
+void start2script(FILE *out, const char *ifname, qos_if *rec);
+void stop2script(FILE *out, const char *ifname, qos_if *rec);
+
 // ---- Report ------------------------------------------------------------------------------------
 
 void show_class(const char *ifname);
