@@ -8,8 +8,8 @@ source=$1 cc=$2 toolchain=${3:-}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-cmake -S "$source" -B "$work/build" -DBUILD_TESTING=OFF -DCMAKE_C_COMPILER="$cc" \
-    ${toolchain:+"-DCMAKE_TOOLCHAIN_FILE=$toolchain"} >/dev/null
+cmake -S "$source" -B "$work/build" -DBUILD_TESTING=OFF -DMORDEL_TOOLS=OFF \
+    -DCMAKE_C_COMPILER="$cc" ${toolchain:+"-DCMAKE_TOOLCHAIN_FILE=$toolchain"} >/dev/null
 cmake --build "$work/build" >/dev/null
 cmake --install "$work/build" --prefix "$work/usr" >/dev/null
 

@@ -1,0 +1,1309 @@
+// The command's apply, stop and status against a real kernel. It runs as root in a guest of
+// uml-run:
+//
+//     uml-run apply_test MORDEL
+//
+// Under the names tc, iptables and iptables-restore this program is a spy: it notes the call and
+// then runs the real one. What the kernel holds is always read with tc and iptables themselves.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using nlohmann::json;
+using std::string;
+using lines = std::vector<string>;
+namespace fs = std::filesystem;
+
+const string spies = "/run/spies";
+const string calls_file = "/run/calls";
+string mordel_path;
+string plain_path;  // PATH without the spies
+
+lines lines_of(const string &text)
+{
+    lines out;
+    std::istringstream in(text);
+    for (string line; std::getline(in, line);) out.push_back(line);
+    return out;
+}
+
+string file_text(const string &path)
+{
+    std::ifstream in(path);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+void write_file(const string &path, const string &text) { std::ofstream(path) << text; }
+
+string replaced(string text, const string &from, const string &to)
+{
+    for (std::size_t at = 0; (at = text.find(from, at)) != string::npos; at += to.size())
+        text.replace(at, from.size(), to);
+    return text;
+}
+
+bool has(const string &text, const string &part) { return text.find(part) != string::npos; }
+
+string joined(const lines &all, const char *between)
+{
+    string out;
+    for (const string &one : all) out += (out.empty() ? "" : between) + one;
+    return out;
+}
+
+// One space between words, none at the ends
+string squeezed(const string &text)
+{
+    lines words;
+    std::istringstream in(text);
+    for (string word; in >> word;) words.push_back(word);
+    return joined(words, " ");
+}
+
+// ---- Programs -----------------------------------------------------------------------------------
+
+struct closer {
+    void operator()(FILE *stream) const { (void)std::fclose(stream); }
+};
+using stream = std::unique_ptr<FILE, closer>;
+
+string contents(FILE *from)
+{
+    string text;
+    std::array<char, 4096> piece{};
+    std::rewind(from);
+    while (const std::size_t n = std::fread(piece.data(), 1, piece.size(), from))
+        text.append(piece.data(), n);
+    return text;
+}
+
+struct result {
+    int status = 0;  // 128 and the signal's number when it was killed
+    string out, err;
+    json parsed() const { return json::parse(out, nullptr, false); }
+};
+
+struct environment {
+    string path;
+    int signal = 0;  // that the spies send to all of the program's group
+};
+
+class program {
+public:
+    explicit program(const lines &command, const string &input = "", const environment &e = {})
+        : in_(std::tmpfile()), out_(std::tmpfile()), err_(std::tmpfile())
+    {
+        (void)std::fwrite(input.data(), 1, input.size(), in_.get());
+        std::rewind(in_.get());
+        pid_ = ::fork();
+        if (pid_ != 0) return;
+        (void)::setpgid(0, 0);
+        (void)::dup2(::fileno(in_.get()), 0);
+        (void)::dup2(::fileno(out_.get()), 1);
+        (void)::dup2(::fileno(err_.get()), 2);
+        (void)::setenv("PATH", e.path.empty() ? plain_path.c_str() : e.path.c_str(), 1);
+        if (e.signal != 0) (void)::setenv("SPY_SIGNAL", std::to_string(e.signal).c_str(), 1);
+        std::vector<char *> argv;
+        for (const string &word : command) argv.push_back(const_cast<char *>(word.c_str()));
+        argv.push_back(nullptr);
+        (void)::execvp(argv[0], argv.data());
+        ::_exit(127);
+    }
+
+    pid_t pid() const { return pid_; }
+    bool running() { return !ended_ && !(ended_ = ::waitpid(pid_, &status_, WNOHANG) == pid_); }
+
+    result end()
+    {
+        // One that hangs ends too, so that the tests behind it are run.
+        const auto last = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (running() && std::chrono::steady_clock::now() < last) (void)::usleep(1000);
+        if (!ended_) (void)::kill(-pid_, SIGKILL);
+        if (!ended_) (void)::waitpid(pid_, &status_, 0);
+        return {WIFSIGNALED(status_) ? 128 + WTERMSIG(status_) : WEXITSTATUS(status_),
+                contents(out_.get()), contents(err_.get())};
+    }
+
+private:
+    stream in_, out_, err_;
+    pid_t pid_ = 0;
+    int status_ = 0;
+    bool ended_ = false;
+};
+
+result run(const lines &command, const string &input = "") { return program(command, input).end(); }
+
+// A command of a person; it works.
+void by_hand(const string &command)
+{
+    const result r = run({"/bin/sh", "-ec", command});
+    EXPECT_EQ(0, r.status) << command << "\n" << r.err;
+}
+
+// ---- The spies ----------------------------------------------------------------------------------
+
+string network_of(const char *process)
+{
+    std::array<char, 64> link{};
+    (void)::readlink((string("/proc/") + process + "/ns/net").c_str(), link.data(),
+                     link.size() - 1);
+    return link.data();
+}
+
+int spy(const string &name, char **argv)
+{
+    json call = {{"name", name}, {"words", json::array()}, {"input", ""}};
+    for (char **word = argv + 1; *word != nullptr; ++word) call["words"].push_back(*word);
+    // Where it is only tried
+    const bool elsewhere = network_of("self") != network_of("1");
+    call["elsewhere"] = elsewhere;
+    if (name == "iptables-restore" || call["words"] == json{"-batch", "-"}) {
+        static const stream copy(std::tmpfile());
+        call["input"] = contents(stdin);
+        const auto &text = call["input"].get_ref<const string &>();
+        (void)std::fwrite(text.data(), 1, text.size(), copy.get());
+        std::rewind(copy.get());
+        (void)::dup2(::fileno(copy.get()), 0);
+    }
+    const string line = call.dump() + "\n";
+    const int log = ::open(calls_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (::write(log, line.data(), line.size()) != ssize_t(line.size())) return 126;
+    const char *signal = std::getenv("SPY_SIGNAL");
+    if (signal != nullptr && !elsewhere) (void)::kill(0, std::atoi(signal));
+    const string path = std::getenv("PATH");
+    (void)::setenv("PATH", path.substr(path.find(':') + 1).c_str(), 1);
+    argv[0] = const_cast<char *>(name.c_str());
+    (void)::execvp(name.c_str(), argv);
+    return 127;
+}
+
+std::vector<json> calls()
+{
+    std::vector<json> all;
+    for (const string &line : lines_of(file_text(calls_file))) all.push_back(json::parse(line));
+    return all;
+}
+
+// The commands of the spied calls that change something, as the command itself lists them
+lines changes()
+{
+    lines all;
+    for (const json &call : calls()) {
+        if (call["elsewhere"].get<bool>()) continue;
+        const string name = call["name"];
+        const string words = joined(call["words"].get<lines>(), " ");
+        if (name == "iptables-restore") {
+            for (const string &line : lines_of(call["input"]))
+                if (line[0] == '-' || line[0] == ':') all.push_back(name + ": " + line);
+        } else if (words == "-batch -") {
+            for (const string &line : lines_of(call["input"])) all.push_back("tc " + line);
+        } else if (!has(words, " show") && !has(words, " -S")) {
+            all.push_back(name + " " + words);
+        }
+    }
+    return all;
+}
+
+// ---- Interfaces and what they hold --------------------------------------------------------------
+
+// An ifb queues its packets, as real hardware does.
+string fresh_interface()
+{
+    static int count = 0;
+    std::array<char, 16> name{};
+    (void)std::snprintf(name.data(), name.size(), "q%03d", ++count);
+    const string n = name.data();
+    const result r =
+        run({"ip", "-batch", "-"}, "link add " + n + " txqueuelen 100 type ifb\nlink set " + n +
+                                       " up\naddr add 10.9." + std::to_string(count) +
+                                       ".1/24 dev " + n + "\n");
+    EXPECT_EQ(0, r.status) << r.err;
+    return n;
+}
+
+lines sorted_lines(const string &text)
+{
+    lines all;
+    for (const string &line : lines_of(text)) {
+        // A counter among the options
+        const std::size_t count = line.find(" direct_packets_stat");
+        all.push_back(count == string::npos ? line : line.substr(0, count));
+    }
+    std::sort(all.begin(), all.end());
+    return all;
+}
+
+string tree_of(const string &name)
+{
+    string show;
+    for (const char *what : {"class", "qdisc", "filter"})
+        show += string(what) + " show dev " + name + "\n";
+    const result r = run({"tc", "-details", "-batch", "-"}, show);
+    EXPECT_EQ(0, r.status) << r.err;
+    return joined(sorted_lines(r.out), "\n") + "\n";
+}
+
+string rules_of(const string &name)
+{
+    const result r = run({"iptables", "-w", "-t", "mangle", "-S"});
+    EXPECT_EQ(0, r.status) << r.err;
+    string all;
+    for (const string &line : lines_of(r.out))
+        if (has(line, name)) all += line + "\n";
+    return all;
+}
+
+// All of an interface, its own name as "@" so that two can be compared
+string state_of(const string &name) { return replaced(tree_of(name) + rules_of(name), name, "@"); }
+
+struct counters {
+    unsigned packets = 0, dropped = 0, waiting = 0;
+    unsigned total() const { return packets + dropped + waiting; }
+};
+
+// By class: "1:10"
+std::map<string, counters> counters_of(const string &name)
+{
+    std::map<string, counters> all;
+    counters *now = nullptr;
+    for (const string &line : lines_of(run({"tc", "-s", "class", "show", "dev", name}).out)) {
+        std::array<char, 16> id{};
+        if (std::sscanf(line.c_str(), "class %*s %15s", id.data()) == 1) now = &all[id.data()];
+        if (now == nullptr) continue;
+        (void)std::sscanf(line.c_str(), " Sent %*u bytes %u pkt (dropped %u", &now->packets,
+                          &now->dropped);
+        (void)std::sscanf(line.c_str(), " backlog %*[0-9A-Za-z] %up", &now->waiting);
+    }
+    return all;
+}
+
+// Packets of 1,000 bytes and their headers, each already marked
+void send(const string &name, unsigned mark, int count)
+{
+    const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(0, ::setsockopt(fd, SOL_SOCKET, SO_MARK, &mark, sizeof mark));
+    ASSERT_EQ(0, ::setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, name.c_str(), 4));
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(9);
+    to.sin_addr.s_addr =
+        htonl(0x0a090002U | (static_cast<std::uint32_t>(std::stoul(name.substr(1))) << 8));
+    const string body(1000, 'x');
+    for (int i = 0; i < count; ++i)
+        (void)::sendto(fd, body.data(), body.size(), MSG_DONTWAIT,
+                       reinterpret_cast<const sockaddr *>(&to), sizeof to);  // it may be dropped
+    (void)::close(fd);
+}
+
+// ---- The command --------------------------------------------------------------------------------
+
+environment spied(int signal = 0) { return {spies + ":" + plain_path, signal}; }
+
+lines command_line(const lines &words)
+{
+    lines all = {mordel_path};
+    all.insert(all.end(), words.begin(), words.end());
+    return all;
+}
+
+void expect_all_wait()
+{
+    for (const json &call : calls()) {
+        if (call["name"] == "tc") continue;
+        const auto words = call["words"].get<lines>();
+        EXPECT_TRUE(std::count(words.begin(), words.end(), "-w") == 1) << call;
+    }
+}
+
+// With the spies watching; what they saw is that of the last call.
+result mordel(const lines &words, const environment &e = spied())
+{
+    (void)::unlink(calls_file.c_str());
+    result r = program(command_line(words), "", e).end();
+    expect_all_wait();
+    return r;
+}
+
+string policy_file(const string &text)
+{
+    static int count = 0;
+    const string path = "/run/policy" + std::to_string(++count) + ".toml";
+    write_file(path, text);
+    return path;
+}
+
+// The first interface's part of what apply or stop told, as JSON
+json told(const result &r)
+{
+    const json all = r.parsed();
+    EXPECT_FALSE(all.is_discarded()) << r.out << r.err;
+    if (all.is_discarded() || all["interfaces"].empty()) return {};
+    return all["interfaces"][0];
+}
+
+json apply(const string &text, int status = 0)
+{
+    const result r = mordel({"apply", "--json", "--kernel", "vendor", policy_file(text)});
+    EXPECT_EQ(status, r.status) << r.err;
+    EXPECT_EQ(status == 0, r.parsed().value("ok", status != 0));
+    return told(r);
+}
+
+void expect_default(const string &name)
+{
+    const string untouched =
+        "qdisc pfifo_fast 0: root refcnt 2 bands 3 priomap 1 2 2 2 1 2 0 0 1 1 "
+        "1 1 1 1 1 1\n";
+    EXPECT_EQ(untouched, replaced(tree_of(name), "  ", " "));
+    EXPECT_EQ("", rules_of(name));
+}
+
+// Every leaf kind; 0x14 is so slow that its packets wait.
+const string htb_policy =
+    R"([[interface]]
+name = "@"
+root = "htb"
+phy_tx = "100mbit"
+link_tx = "20mbit"
+default = 3
+class = [
+  { handle = 0x10, rate = "2mbit", ceil = "20mbit", burst = 6000, cburst = 7000, )"
+    R"(leaf = { type = "pfifo", limit = 50 } },
+  { handle = 0x11, rate = "4mbit", leaf = { type = "sfq", perturb = 10 } },
+  { handle = 0x12, rate = "5mbit", )"
+    R"(leaf = { type = "red", min = 15000, max = 45000, burst = 25, )"
+    R"(limit = 120000, avpkt = 1000 } },
+  { handle = 0x13, rate = "1mbit", )"
+    R"(leaf = { type = "tbf", latency = 400, rate = "8mbit", burst = 10000 } },
+  { handle = 0x14, rate = "8kbit", leaf = { type = "pfifo", limit = 10 } },
+]
+rule = [
+  { index = 10, match = { dscp = 46 }, target = { mark = 0x10 } },
+  { index = 20, match = { protocol = "udp", dport = "27015:27050" }, target = { mark = 0x11 } },
+]
+)";
+
+const string hfsc_policy = R"([[interface]]
+name = "@"
+root = "hfsc"
+phy_tx = "50mbit"
+link_tx = "10mbit"
+class = [
+  { handle = 0x10, ul = "10mbit", sc = "500kbit" },
+  { handle = 0x11, ul = "5mbit", ls = { umax = 1500, dmax = 20, rate = "400kbit" } },
+  { handle = 0x14, ul = "8kbit", sc = "8kbit", leaf = { type = "pfifo", limit = 10 } },
+]
+)";
+
+string for_interface(const string &text, const string &name) { return replaced(text, "@", name); }
+
+// ---- Whole policies -----------------------------------------------------------------------------
+
+TEST(Apply, LeavesWhatTheRenderedScriptLeaves)
+{
+    const lines names = {"lan0", "wan0", "wifi0"};
+    for (const string &name : names)
+        by_hand("ip link add " + name + " txqueuelen 100 type ifb && ip link set " + name + " up");
+    const string example = string(MORDEL_EXAMPLES) + "/home-router.toml";
+    const auto all = [&] {
+        string state;
+        for (const string &name : names) state += tree_of(name) + rules_of(name);
+        return state;
+    };
+    const string before = all();
+    const result rendered = mordel({"render", example});
+    ASSERT_EQ(0, rendered.status);
+    (void)run({"/bin/sh"}, rendered.out);
+    const string by_script = all();
+    ASSERT_TRUE(has(by_script, "class htb 1:13 ") && has(by_script, "class hfsc 1:10 ") &&
+                has(by_script, "class prio 1:3 ") && has(by_script, "-A QOS_wifi0 -m dscp "))
+        << by_script;
+    ASSERT_EQ(0, mordel({"stop", example}).status);
+    EXPECT_EQ(before, all());
+
+    const result built = mordel({"apply", example});
+    EXPECT_EQ(0, built.status) << built.err;
+    EXPECT_EQ("", built.err);
+    EXPECT_EQ(by_script, all());
+    const result again = mordel({"apply", example});
+    EXPECT_EQ("lan0: nothing to do\nwan0: nothing to do\nwifi0: nothing to do\n", again.out);
+    EXPECT_EQ(0, again.status);
+    EXPECT_EQ(lines{}, changes());
+
+    ASSERT_EQ(0, mordel({"stop", example}).status);
+    const result script = mordel({"apply", "--script", example}, {plain_path});
+    EXPECT_EQ(0, script.status) << script.err;
+    EXPECT_EQ(by_script, all());
+    EXPECT_EQ(0, mordel({"stop", example}).status);
+}
+
+TEST(Apply, AgainChangesNothingAndCountersStay)
+{
+    const string q = fresh_interface();
+    const string text = for_interface(htb_policy, q);
+    EXPECT_EQ("built", apply(text)["result"]);
+    send(q, 0x10, 7);
+    const string rules = run({"iptables", "-t", "mangle", "-vS", "OUTPUT"}).out;
+    ASSERT_TRUE(has(rules, "-o " + q + " -c 7 ")) << rules;
+    ASSERT_EQ(7U, counters_of(q)["1:10"].packets);
+    EXPECT_EQ("unchanged", apply(text)["result"]);
+    EXPECT_EQ(lines{}, changes());
+    EXPECT_EQ(7U, counters_of(q)["1:10"].packets);
+    EXPECT_EQ(rules, run({"iptables", "-t", "mangle", "-vS", "OUTPUT"}).out);
+}
+
+TEST(Apply, DryRunTellsWhatApplyThenDoes)
+{
+    const string q = fresh_interface();
+    const string text = for_interface(htb_policy, q);
+    const string other = replaced(replaced(text, "2mbit", "3mbit"), "dscp = 46", "dscp = 44");
+    for (const string &now : {text, other}) {
+        const string before = state_of(q);
+        const string kept = file_text("/var/run/mordel/" + q + ".start");
+        const result dry = mordel({"apply", "--dry-run", "--json", policy_file(now)});
+        EXPECT_EQ(0, dry.status) << dry.err;
+        EXPECT_EQ(lines{}, changes());
+        EXPECT_EQ(before, state_of(q));
+        EXPECT_EQ(kept, file_text("/var/run/mordel/" + q + ".start"));
+        EXPECT_EQ(true, dry.parsed()["dry_run"]);
+        const json done = apply(now);
+        EXPECT_EQ(told(dry)["commands"], done["commands"]);
+        EXPECT_EQ(done["commands"], json(changes()));
+        EXPECT_EQ(done["commands"].size(), done["tc_commands"].get<std::size_t>() +
+                                               done["rule_commands"].get<std::size_t>());
+    }
+    const string before = state_of(q);
+    const result dry = mordel({"stop", "--dry-run", "--json", policy_file(text)});
+    EXPECT_EQ(lines{}, changes());
+    EXPECT_EQ(before, state_of(q));
+    const result stopped = mordel({"stop", "--json", policy_file(text)});
+    EXPECT_EQ(0, stopped.status) << stopped.err;
+    EXPECT_EQ("stopped", told(stopped)["result"]);
+    EXPECT_EQ(told(dry)["commands"], told(stopped)["commands"]);
+    EXPECT_EQ(told(stopped)["commands"], json(changes()));
+    expect_default(q);
+}
+
+TEST(Apply, PfifoFastSetsTheQueueLength)
+{
+    const string q = fresh_interface();
+    EXPECT_EQ("built", apply(for_interface(htb_policy, q))["result"]);
+    const string text =
+        "[[interface]]\nname = \"" + q + "\"\nroot = \"pfifo_fast\"\nqueue_len = 250\n";
+    const string length = "/sys/class/net/" + q + "/tx_queue_len";
+    const result dry = mordel({"apply", "--dry-run", policy_file(text)});
+    EXPECT_TRUE(has(dry.out, "txqueuelen 250")) << dry.out;
+    EXPECT_EQ("100\n", file_text(length));
+    EXPECT_EQ("built", apply(text)["result"]);
+    EXPECT_EQ("250\n", file_text(length));
+    EXPECT_TRUE(has(tree_of(q), "qdisc pfifo_fast 0: root")) << tree_of(q);
+    EXPECT_EQ("unchanged", apply(text)["result"]);
+    by_hand("ip link set " + q + " txqueuelen 99");
+    EXPECT_EQ("built", apply(text)["result"]);
+    EXPECT_EQ("250\n", file_text(length));
+}
+
+// ---- In place -----------------------------------------------------------------------------------
+
+struct edit {
+    const char *what, *from, *to;
+    lines commands;     // all that may be run; @ is the interface
+    const char *shown;  // by tc afterwards
+};
+
+// One edit after the other. Packets that wait in 1:14, and its counters, live through all of them.
+void expect_in_place(const string &policy, const std::vector<edit> &edits)
+{
+    const string q = fresh_interface();
+    string text = for_interface(policy, q);
+    ASSERT_EQ("built", apply(text)["result"]);
+    send(q, 0x10, 5);
+    send(q, 0x14, 20);
+    const counters slow = counters_of(q)["1:14"];
+    ASSERT_EQ(20U, slow.total());
+    ASSERT_LT(5U, slow.waiting);
+    for (const edit &e : edits) {
+        SCOPED_TRACE(e.what);
+        ASSERT_TRUE(has(text, e.from));
+        text = replaced(text, e.from, e.to);
+        const json done = apply(text);
+        EXPECT_EQ("changed", done["result"]);
+        lines seen;
+        for (const string &command : changes()) seen.push_back(squeezed(command));
+        lines wanted;
+        for (const string &command : e.commands) wanted.push_back(for_interface(command, q));
+        EXPECT_EQ(wanted, seen);
+        EXPECT_TRUE(has(tree_of(q), e.shown)) << e.shown << " is not in\n" << tree_of(q);
+        auto now = counters_of(q);
+        EXPECT_EQ(20U, now["1:14"].total());
+        EXPECT_EQ(slow.dropped, now["1:14"].dropped);
+        EXPECT_GE(now["1:14"].packets, slow.packets);
+        EXPECT_EQ(5U, now["1:10"].packets) << "the class that is changed";
+    }
+    EXPECT_EQ("unchanged", apply(text)["result"]);
+}
+
+TEST(InPlace, HtbClassesAndEveryLeafKind)
+{
+    expect_in_place(
+        htb_policy,
+        {{"rate",
+          "2mbit\"",
+          "3mbit\"",
+          {"tc class change dev @ parent 1:0x1 classid 1:0x10 htb rate 3000kbit ceil 20000kbit "
+           "prio 0 burst 6000 cburst 7000"},
+          "1:10 parent 1:1 leaf 100: prio 0 quantum 37500 rate 3Mbit ceil 20Mbit"},
+         {"burst",
+          "burst = 6000",
+          "burst = 9000",
+          {"tc class change dev @ parent 1:0x1 classid 1:0x10 htb rate 3000kbit ceil 20000kbit "
+           "prio 0 burst 9000 cburst 7000"},
+          "burst 9000b"},
+         {"prio",
+          "burst = 9000",
+          "prio = 5, burst = 9000",
+          {"tc class change dev @ parent 1:0x1 classid 1:0x10 htb rate 3000kbit ceil 20000kbit "
+           "prio 5 burst 9000 cburst 7000"},
+          "1:10 parent 1:1 leaf 100: prio 5"},
+         {"pfifo",
+          "limit = 50",
+          "limit = 60",
+          {"tc qdisc change dev @ parent 1:0x10 handle 0x100: pfifo limit 60"},
+          "pfifo 100: parent 1:10 limit 60p"},
+         // The kernel's SFQ takes no change.
+         {"sfq",
+          "perturb = 10",
+          "perturb = 15",
+          {"tc qdisc del dev @ parent 1:11",
+           "tc qdisc add dev @ parent 1:0x11 handle 0x110: sfq perturb 15"},
+          "perturb 15sec"},
+         {"red",
+          "limit = 120000",
+          "limit = 130000",
+          {"tc qdisc change dev @ parent 1:0x12 handle 0x120: red min 15000b max 45000b burst 25 "
+           "limit 130000b avpkt 1000b"},
+          "limit 130000b min 15000b"},
+         // The kernel does not tell it: 25 and 26 are one averaging constant.
+         {"red's burst alone",
+          "burst = 25",
+          "burst = 26",
+          {"tc qdisc change dev @ parent 1:0x12 handle 0x120: red min 15000b max 45000b burst 26 "
+           "limit 130000b avpkt 1000b"},
+          "limit 130000b min 15000b"},
+         {"tbf",
+          "8mbit",
+          "4mbit",
+          {"tc qdisc change dev @ parent 1:0x13 handle 0x130: tbf latency 400ms rate 4000kbit "
+           "burst 10000b"},
+          "tbf 130: parent 1:13 rate 4Mbit burst 10000b/1 mpu 0b lat 400ms"},
+         {"pfifo, left to the kernel",
+          ", limit = 60",
+          "",
+          {"tc qdisc del dev @ parent 1:10",
+           "tc qdisc add dev @ parent 1:0x10 handle 0x100: pfifo"},
+          "pfifo 100: parent 1:10 limit 100p"},
+         {"sfq's perturb taken away",
+          "perturb = 15",
+          "perturb = 0",
+          {"tc qdisc del dev @ parent 1:11", "tc qdisc add dev @ parent 1:0x11 handle 0x110: sfq"},
+          "divisor 1024 \n"},
+         {"another kind",
+          "type = \"sfq\", perturb = 0",
+          "type = \"pfifo\", limit = 33",
+          {"tc qdisc del dev @ parent 1:11",
+           "tc qdisc add dev @ parent 1:0x11 handle 0x110: pfifo limit 33"},
+          "pfifo 110: parent 1:11 limit 33p"}});
+}
+
+TEST(InPlace, HfscCurves)
+{
+    expect_in_place(
+        hfsc_policy,
+        {{"sc",
+          "sc = \"500kbit\"",
+          "sc = \"600kbit\"",
+          {"tc class change dev @ parent 1:0x1 classid 1:0x10 hfsc ul rate 10000kbit sc rate "
+           "600kbit"},
+          "1:10 parent 1:1 leaf 100: sc m1 0bit d 0us m2 600Kbit ul m1 0bit d 0us m2 10Mbit"},
+         {"umax and dmax",
+          "sc = \"600kbit\"",
+          "sc = { umax = 1500, dmax = 10, rate = \"600kbit\" }",
+          {"tc class change dev @ parent 1:0x1 classid 1:0x10 hfsc ul rate 10000kbit sc umax 1500b "
+           "dmax 10ms rate 600kbit"},
+          "sc m1 1200Kbit d 10ms m2 600Kbit"},
+         {"dmax",
+          "dmax = 20",
+          "dmax = 30",
+          {"tc class change dev @ parent 1:0x1 classid 1:0x11 hfsc ul rate 5000kbit ls umax 1500b "
+           "dmax 30ms rate 400kbit"},
+          "ls m1 0bit d 0us m2 400Kbit"},
+         {"ul",
+          "ul = \"5mbit\"",
+          "ul = \"6mbit\"",
+          {"tc class change dev @ parent 1:0x1 classid 1:0x11 hfsc ul rate 6000kbit ls umax 1500b "
+           "dmax 30ms rate 400kbit"},
+          "ul m1 0bit d 0us m2 6Mbit"}});
+}
+
+// tc shows three digits of such a rate: 1200Mbit either way.
+TEST(InPlace, OneKilobitMoreAtTwelveHundredMegabits)
+{
+    const string q = fresh_interface();
+    const string text = for_interface(R"([[interface]]
+name = "@"
+root = "htb"
+phy_tx = "2gbit"
+link_tx = "2gbit"
+class = [{ handle = 0x10, rate = "1200000kbit", burst = 160000, cburst = 160000 }]
+)",
+                                      q);
+    const string change = "tc class change dev " + q + " parent 1:0x1 classid 1:0x10 htb rate ";
+    EXPECT_EQ("built", apply(text)["result"]);
+    EXPECT_EQ("changed", apply(replaced(text, "1200000k", "1200001k"))["result"]);
+    ASSERT_EQ(1U, changes().size());
+    EXPECT_EQ(change + "1200001kbit ceil 1200001kbit prio 0 burst 160000 cburst 160000",
+              squeezed(changes()[0]));
+    EXPECT_EQ("changed", apply(text)["result"]);
+    // By hand, the remembered script says nothing of it.
+    by_hand(change + "1200001kbit ceil 1200000kbit burst 160000 cburst 160000");
+    EXPECT_EQ("changed", apply(text)["result"]);
+    ASSERT_EQ(1U, changes().size());
+    EXPECT_EQ("unchanged", apply(text)["result"]);
+}
+
+TEST(InPlace, OneClassOfAThousand)
+{
+    const string q = fresh_interface();
+    string text =
+        for_interface("[[interface]]\nname = \"@\"\nroot = \"htb\"\nphy_tx = \"2gbit\"\n"
+                      "link_tx = \"1gbit\"\ndefault_tree = false\ndefault = 0\nclass = [\n"
+                      "  { handle = 1, rate = \"2gbit\" },\n",
+                      q);
+    for (int i = 2; i <= 1000; ++i)
+        text += "  { handle = " + std::to_string(i) + ", rate = \"" + std::to_string(1000 + i) +
+                "kbit\" },\n";
+    text += "]\n";
+    EXPECT_EQ("built", apply(text)["result"]);
+    send(q, 499, 3);
+    send(q, 500, 4);
+    const json done = apply(replaced(text, "1500kbit", "7777kbit"));
+    EXPECT_EQ(1, done["tc_commands"]);
+    EXPECT_EQ(0, done["rule_commands"]);
+    ASSERT_EQ(1U, changes().size());
+    EXPECT_TRUE(has(changes()[0], "tc class change dev " + q + " ") &&
+                has(changes()[0], "classid 1:0x1f4 ") && has(changes()[0], " rate 7777kbit "))
+        << changes()[0];
+    auto now = counters_of(q);
+    EXPECT_EQ(1000U, now.size());
+    EXPECT_EQ(3U, now["1:1f3"].packets);
+    EXPECT_EQ(4U, now["1:1f4"].packets);
+}
+
+// ---- Mended and rebuilt -------------------------------------------------------------------------
+
+TEST(Drift, OfAPersonIsMendedByTheNextApply)
+{
+    const string q = fresh_interface();
+    const string text = for_interface(htb_policy, q);
+    EXPECT_EQ("built", apply(text)["result"]);
+    const string good = state_of(q);
+    const string t = "iptables -w -t mangle ";
+    const struct {
+        const char *what;
+        string command;
+        bool tree;   // it is the tree that is mended, or else the rules
+        bool whole;  // and built anew
+    } cases[] = {
+        {"class", "tc class change dev @ classid 1:11 htb rate 3mbit", true, false},
+        {"class's burst",
+         "tc class change dev @ classid 1:10 htb rate 2mbit ceil 20mbit burst 3000 cburst 7000",
+         true, false},
+        {"leaf", "tc qdisc change dev @ parent 1:10 pfifo limit 7", true, false},
+        {"leaf replaced",
+         "tc qdisc del dev @ parent 1:11; tc qdisc add dev @ parent 1:11 handle 110: pfifo", true,
+         false},
+        {"leaf gone", "tc qdisc del dev @ parent 1:13", true, false},
+        {"filter gone", "tc filter del dev @ parent 1:0 protocol ip prio 50 handle 0x12 fw", true,
+         true},
+        {"filters gone", "tc filter del dev @ parent 1:0", true, true},
+        {"class more", "tc class add dev @ parent 1:1 classid 1:99 htb rate 1mbit", true, true},
+        {"root gone", "tc qdisc del dev @ root", true, true},
+        {"other root", "tc qdisc del dev @ root; tc qdisc add dev @ root handle 1: prio", true,
+         true},
+        {"rule gone", t + "-D QOS_@ 3", false, false},
+        {"rule changed", t + "-R QOS_@ 2 -m dscp --dscp 1 -j MARK --set-mark 0x11", false, false},
+        {"rule more", t + "-I QOS_@ -j MARK --set-mark 3", false, false},
+        {"chain flushed", t + "-F QOS_@", false, false},
+        {"jump gone", t + "-D OUTPUT -o @ -g QOS_@", false, false},
+        {"jump twice", t + "-A OUTPUT -o @ -g QOS_@", false, false},
+        {"chains gone",
+         t + "-F QOS_@;" + t + "-D OUTPUT -o @ -g QOS_@;" + t + "-D FORWARD -o @ -g QOS_@;" + t +
+             "-X QOS_@;" + t + "-X QOS_@_AUTO",
+         false, false},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        by_hand(for_interface(c.command, q));
+        const json done = apply(text);
+        EXPECT_EQ(c.whole ? "built" : "changed", done["result"]);
+        EXPECT_EQ(c.tree, done["tc_commands"] != 0) << done;
+        EXPECT_EQ(!c.tree, done["rule_commands"] != 0) << done;
+        EXPECT_EQ(good, state_of(q));
+        if (testing::Test::HasFailure()) (void)apply(text);
+    }
+    EXPECT_EQ("unchanged", apply(text)["result"]);
+}
+
+TEST(Structure, ChangesRebuildTheTree)
+{
+    const string q = fresh_interface();
+    const string text = for_interface(htb_policy, q);
+    EXPECT_EQ("built", apply(text)["result"]);
+    const struct {
+        const char *what;
+        string policy;
+        lines shown;
+    } cases[] = {
+        {"default",
+         replaced(text, "default = 3", "default = 0x10"),
+         {"htb 1: root refcnt 2 r2q 10 default 0x10"}},
+        {"class more",
+         replaced(text, "\n]\nrule", "\n  { handle = 0x20, rate = \"1mbit\" },\n]\nrule"),
+         {"class htb 1:20 parent 1:1 leaf 200:", "handle 0x20 classid 1:20"}},
+        {"class less, and another parent",
+         replaced(text, "handle = 0x13",
+                  "handle = 0x20, rate = \"9mbit\" },\n  { parent = 0x20, "
+                  "handle = 0x13"),
+         {"class htb 1:13 parent 1:20 leaf 130:", "class htb 1:20 parent 1:1 rate 9Mbit"}},
+        {"root",
+         for_interface(hfsc_policy, q),
+         {"qdisc hfsc 1: root", "class hfsc 1:11 parent 1:1 leaf 110:"}},
+        {"prio",
+         "[[interface]]\nname = \"" + q +
+             "\"\nroot = \"prio\"\nbands = 4\npriomap = [3, 2, 2, 2, "
+             "1, 2, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1]\n",
+         {"qdisc prio 1: root refcnt 2 bands 4 priomap 3 2 2 2", "qdisc pfifo 40: parent 1:4"}},
+        {"prio's map",
+         "[[interface]]\nname = \"" + q +
+             "\"\nroot = \"prio\"\nbands = 4\npriomap = [0, 2, 2, 2, "
+             "1, 2, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1]\n",
+         {"qdisc prio 1: root refcnt 2 bands 4 priomap 0 2 2 2"}},
+        {"back", text, {"class htb 1:10 parent 1:1 leaf 100: prio 0"}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        EXPECT_EQ("built", apply(c.policy)["result"]);
+        const string tree = tree_of(q);
+        for (const string &part : c.shown) EXPECT_TRUE(has(tree, part)) << part << "\n" << tree;
+        EXPECT_EQ(c.what == string("class more"), has(tree, "class htb 1:20 parent 1:1 leaf"));
+    }
+}
+
+TEST(Structure, OtherRulesLeaveTheTreeAlone)
+{
+    const string q = fresh_interface();
+    const string text = for_interface(htb_policy, q);
+    EXPECT_EQ("built", apply(text)["result"]);
+    send(q, 0x10, 5);
+    const json done = apply(replaced(text, "rule = [",
+                                     "rule = [\n  { index = 30, match = { length = "
+                                     "99 }, target = { mark = 0x12 } },"));
+    EXPECT_EQ("changed", done["result"]);
+    EXPECT_EQ(0, done["tc_commands"]);
+    for (const string &command : changes())
+        EXPECT_TRUE(has(command, "iptables-restore: ")) << command;
+    EXPECT_TRUE(has(rules_of(q), "--length 99 -j MARK --set-xmark 0x12/"));
+    EXPECT_EQ(5U, counters_of(q)["1:10"].packets);
+}
+
+// ---- Failures -----------------------------------------------------------------------------------
+
+struct refusal {
+    const char *what;
+    string policy;
+    const char *sign;  // in the command that is refused, and in no earlier one
+};
+
+const std::vector<refusal> &refusals()
+{
+    const auto with_rule = [](const char *match) {
+        return replaced(htb_policy, "rule = [",
+                        string("rule = [\n  { index = 15, match = { ") + match +
+                            " }, target = { mark = 0x12 } },");
+    };
+    static const std::vector<refusal> all = {
+        {"a curve", replaced(hfsc_policy, "ul = \"10mbit\", sc", "ul = \"10mbit\", rt"),
+         "rt rate 500kbit"},
+        {"a rule, by the kernel", with_rule("mac = \"00:11:22:33:44:55\""), "--mac-source"},
+        {"a rule, by iptables", with_rule("domain = \"example.org\""), "-m domain"},
+        {"a TOS, by iptables", with_rule("tos = \"Minimize-Delay\", precedence = 3"), "-m tos"},
+    };
+    return all;
+}
+
+// The command that was refused and its line are those of the script.
+void expect_blame(const json &failure, const string &policy, const char *sign, const string &name)
+{
+    const lines script = lines_of(
+        mordel({"render", "--kernel", "vendor", "--interface", name, policy_file(policy)}).out);
+    std::size_t number = 0;
+    while (number < script.size() && !has(script[number], sign)) ++number;
+    ASSERT_LT(number, script.size());
+    EXPECT_EQ(number + 1, failure.value("failed_line", 0U)) << failure;
+    EXPECT_EQ(squeezed(replaced(script[number], " 2>/dev/null", "")),
+              squeezed(failure.value("failed_command", "")));
+}
+
+TEST(Failure, HalfWayLeavesTheDefaultAndNoChain)
+{
+    const string neighbour = fresh_interface();
+    EXPECT_EQ("built", apply(for_interface(htb_policy, neighbour))["result"]);
+    const string untouched = state_of(neighbour);
+    for (const refusal &r : refusals())
+        for (const bool older : {false, true}) {
+            SCOPED_TRACE(string(r.what) + (older ? ", over an older tree" : ""));
+            const string q = fresh_interface();
+            const string policy = for_interface(r.policy, q);
+            if (older) { EXPECT_EQ("built", apply(for_interface(htb_policy, q))["result"]); }
+            const json failure = apply(policy, 1);
+            EXPECT_EQ("failed", failure["result"]);
+            EXPECT_EQ(true, failure["restored"]);
+            EXPECT_NE("", failure["error"]);
+            expect_blame(failure, policy, r.sign, q);
+            expect_default(q);
+            EXPECT_FALSE(fs::exists("/var/run/mordel/" + q + ".toml"));
+            EXPECT_FALSE(fs::exists("/var/run/mordel/" + q + ".start"));
+        }
+    EXPECT_EQ(untouched, state_of(neighbour));
+}
+
+TEST(Failure, IsToldToAPerson)
+{
+    const string q = fresh_interface();
+    const string file = policy_file(for_interface(refusals()[1].policy, q));
+    const result r = mordel({"apply", "--kernel", "vendor", file});
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("", r.out);
+    EXPECT_TRUE(has(r.err, "mordel: " + q + ": line ") && has(r.err, "--mac-source") &&
+                has(r.err, "back on its default qdisc"))
+        << r.err;
+}
+
+TEST(Failure, InALaterInterfaceLeavesTheEarlierOnes)
+{
+    const lines names = {fresh_interface(), fresh_interface(), fresh_interface()};
+    for (const refusal &r : {refusals()[0], refusals()[2]}) {
+        SCOPED_TRACE(r.what);
+        const string policy = for_interface(htb_policy, names[0]) +
+                              for_interface(r.policy, names[1]) +
+                              for_interface(htb_policy, names[2]);
+        const result failed =
+            mordel({"apply", "--json", "--kernel", "vendor", policy_file(policy)});
+        EXPECT_EQ(1, failed.status);
+        const json all = failed.parsed();
+        EXPECT_EQ(false, all["ok"]);
+        ASSERT_EQ(2U, all["interfaces"].size());
+        EXPECT_NE("failed", all["interfaces"][0]["result"]);
+        expect_blame(all["interfaces"][1], policy, r.sign, names[1]);
+        EXPECT_TRUE(has(tree_of(names[0]), "class htb 1:14 ") &&
+                    has(rules_of(names[0]), "--dscp 0x2e"));
+        expect_default(names[1]);
+        expect_default(names[2]);
+    }
+}
+
+TEST(Failure, InterfaceThatIsNotThere)
+{
+    for (const char *verb : {"apply", "stop"}) {
+        SCOPED_TRACE(verb);
+        const result r = mordel({verb, policy_file(for_interface(htb_policy, "q999"))});
+        EXPECT_EQ(1, r.status);
+        EXPECT_TRUE(has(r.err, "no interface") && has(r.err, "q999")) << r.err;
+        EXPECT_EQ(lines{}, changes());
+        EXPECT_EQ("", rules_of("q999"));
+    }
+}
+
+// ---- Stop ---------------------------------------------------------------------------------------
+
+TEST(Stop, TakesEverythingAwayEvenJumpsThatAreThereTwice)
+{
+    const string q = fresh_interface();
+    const string file = policy_file(for_interface(htb_policy, q));
+    EXPECT_EQ(0, mordel({"apply", file}).status);
+    const string t = "iptables -w -t mangle -A ";
+    by_hand(for_interface(t + "FORWARD -o @ -g QOS_@;" + t + "FORWARD -o @ -g QOS_@;" + t +
+                              "OUTPUT -o @ -g QOS_@",
+                          q));
+    const result r = mordel({"stop", file});
+    EXPECT_EQ(0, r.status) << r.err;
+    expect_default(q);
+    EXPECT_FALSE(fs::exists("/var/run/mordel/" + q + ".toml"));
+    const result again = mordel({"stop", file});
+    EXPECT_EQ(0, again.status);
+    EXPECT_EQ(q + ": nothing to do\n", again.out);
+    EXPECT_EQ(lines{}, changes());
+}
+
+// The chains of one whose interface has gone, as a ppp link's does, would stay for ever.
+TEST(Stop, TakesTheRulesOfAnInterfaceThatHasGone)
+{
+    const string q = fresh_interface();
+    const string file = policy_file(for_interface(htb_policy, q));
+    EXPECT_EQ(0, mordel({"apply", file}).status);
+    by_hand("ip link del " + q);
+    (void)mordel({"stop", file});
+    EXPECT_EQ("", rules_of(q));
+}
+
+// ---- Locks and signals --------------------------------------------------------------------------
+
+class held_lock {
+public:
+    explicit held_lock(const char *path) : fd_(::open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0600))
+    {
+        EXPECT_EQ(0, ::flock(fd_, LOCK_EX | LOCK_NB)) << path;
+    }
+    held_lock(const held_lock &) = delete;
+    held_lock &operator=(const held_lock &) = delete;
+    ~held_lock() { release(); }
+    void release()
+    {
+        if (fd_ >= 0) (void)::close(fd_);
+        fd_ = -1;
+    }
+
+private:
+    int fd_;
+};
+
+constexpr char own_lock[] = "/var/run/mordel/lock";
+constexpr char iptables_lock[] = "/run/xtables.lock";
+
+TEST(Lock, OneApplyWaitsForAnother)
+{
+    const string q = fresh_interface();
+    const string file = policy_file(for_interface(htb_policy, q));
+    EXPECT_EQ(0, mordel({"stop", file}).status);  // makes the folder
+    (void)::unlink(calls_file.c_str());
+    held_lock lock(own_lock);
+    program waiting(command_line({"apply", "--wait", "60", file}), "", spied());
+    const result impatient =
+        program(command_line({"apply", "--wait", "1", file}), "", spied()).end();
+    EXPECT_EQ(1, impatient.status);
+    EXPECT_TRUE(has(impatient.err, own_lock) && has(impatient.err, "waited 1 s")) << impatient.err;
+    EXPECT_TRUE(waiting.running());
+    EXPECT_EQ(0U, calls().size());
+    expect_default(q);
+    lock.release();
+    const result r = waiting.end();
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_TRUE(has(tree_of(q), "class htb 1:14 "));
+}
+
+TEST(Lock, OfIptablesIsWaitedFor)
+{
+    const string q = fresh_interface();
+    const string file = policy_file(for_interface(htb_policy, q));
+    (void)::unlink(calls_file.c_str());
+    held_lock lock(iptables_lock);
+    program waiting(command_line({"apply", "--wait", "60", file}), "", spied());
+    const auto asked = [] { return has(file_text(calls_file), "\"iptables"); };
+    while (!asked() && waiting.running()) (void)::usleep(10000);
+    EXPECT_TRUE(waiting.running());
+    lock.release();
+    const result r = waiting.end();
+    EXPECT_EQ(0, r.status) << r.err;
+    expect_all_wait();
+    EXPECT_TRUE(has(rules_of(q), "--dscp 0x2e"));
+}
+
+TEST(Lock, OfIptablesThatStaysHeldFailsTheApply)
+{
+    const string q = fresh_interface();
+    const string file = policy_file(for_interface(htb_policy, q));
+    held_lock lock(iptables_lock);
+    const result r = mordel({"apply", "--wait", "1", "--json", file});
+    EXPECT_EQ(1, r.status);
+    EXPECT_TRUE(has(told(r)["error"], "xtables lock")) << r.out;
+    lock.release();
+    expect_default(q);
+}
+
+// It could change no rule, and so it touches nothing.
+TEST(Lock, OfIptablesThatStaysHeldLeavesAnOlderTree)
+{
+    const string q = fresh_interface();
+    const string text = for_interface(htb_policy, q);
+    EXPECT_EQ("built", apply(text)["result"]);
+    const string before = state_of(q);
+    held_lock lock(iptables_lock);
+    (void)mordel({"apply", "--wait", "1", policy_file(text)});
+    lock.release();
+    EXPECT_EQ(before, state_of(q));
+}
+
+// iptables takes -w 0 for a wait without an end.
+TEST(Lock, NoWaitIsNoWait)
+{
+    const string q = fresh_interface();
+    held_lock lock(iptables_lock);
+    const result r = mordel({"apply", "--wait", "0", policy_file(for_interface(htb_policy, q))});
+    EXPECT_EQ(1, r.status);
+    lock.release();
+    expect_default(q);
+}
+
+TEST(Signal, FinishesWhatItBegan)
+{
+    const string reference = fresh_interface();
+    EXPECT_EQ("built", apply(for_interface(htb_policy, reference))["result"]);
+    const string whole = state_of(reference);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+        SCOPED_TRACE(::strsignal(signal));
+        const string q = fresh_interface();
+        const string file = policy_file(for_interface(htb_policy, q));
+        const result r = mordel({"apply", file}, spied(signal));
+        EXPECT_TRUE(r.status == 0 || r.status == 128 + signal) << r.status << r.err;
+        EXPECT_EQ(whole, state_of(q));
+        EXPECT_EQ("unchanged", apply(for_interface(htb_policy, q))["result"]);
+        (void)mordel({"stop", file}, spied(signal));
+        expect_default(q);
+    }
+}
+
+// ---- Missing tools ------------------------------------------------------------------------------
+
+// A PATH with these alone
+environment only(const lines &tools)
+{
+    const string folder = "/run/only" + joined(tools, "");
+    fs::create_directories(folder);
+    for (const string &tool : tools)
+        if (!fs::is_symlink(folder + "/" + tool))
+            fs::create_symlink(squeezed(run({"/bin/sh", "-c", "command -v " + tool}).out),
+                               folder + "/" + tool);
+    return {folder};
+}
+
+void expect_whole_or_default(const string &q, const string &whole)
+{
+    if (has(tree_of(q), "pfifo_fast"))
+        expect_default(q);
+    else
+        EXPECT_EQ(whole, state_of(q));
+}
+
+TEST(MissingTool, FallsBackToTheScriptOrFailsWhole)
+{
+    const string reference = fresh_interface();
+    EXPECT_EQ("built", apply(for_interface(htb_policy, reference))["result"]);
+    const string whole = state_of(reference);
+    const struct {
+        lines tools;
+        int status;
+        const char *missing;
+    } cases[] = {
+        {{"tc", "iptables"}, 0, "iptables-restore"},
+        {{"iptables", "iptables-restore"}, 1, "tc"},
+        {{"tc"}, 1, "iptables"},
+        {{"tc", "iptables-restore"}, -1, "iptables"},
+        {{"none"}, 1, "tc"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE("only " + joined(c.tools, ", "));
+        const environment e = c.tools[0] == "none" ? environment{"/nowhere"} : only(c.tools);
+        const string q = fresh_interface();
+        const string file = policy_file(for_interface(htb_policy, q));
+        const result r = mordel({"apply", "--json", file}, e);
+        if (c.status >= 0) { EXPECT_EQ(c.status, r.status) << r.out; }
+        EXPECT_TRUE(r.status == 0 || has(r.err, c.missing + string(" is missing"))) << r.err;
+        EXPECT_EQ(r.status != 0, has(tree_of(q), "pfifo_fast"));
+        expect_whole_or_default(q, whole);
+        if (r.status == 0 && c.status == 0) {
+            EXPECT_EQ(true, told(r)["by_script"]);
+            EXPECT_EQ(0, mordel({"stop", file}, e).status);
+            expect_default(q);
+        }
+    }
+}
+
+// What stands stays, or all of it goes.
+TEST(MissingTool, NeverLeavesHalfOfWhatWasThere)
+{
+    for (const lines &tools : {lines{"tc"}, lines{"tc", "iptables-restore"}}) {
+        SCOPED_TRACE("only " + joined(tools, ", "));
+        const string q = fresh_interface();
+        const string text = for_interface(htb_policy, q);
+        EXPECT_EQ("built", apply(text)["result"]);
+        const string whole = state_of(q);
+        (void)mordel({"apply", policy_file(text)}, only(tools));
+        expect_whole_or_default(q, whole);
+    }
+}
+
+// ---- Status -------------------------------------------------------------------------------------
+
+json status(const lines &words)
+{
+    lines all = {"status", "--json", "--interval", "0.1"};
+    all.insert(all.end(), words.begin(), words.end());
+    const result r = mordel(all);
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_EQ(lines{}, changes());
+    return told(r);
+}
+
+json class_of(const json &interface, unsigned handle)
+{
+    for (const json &c : interface["classes"])
+        if (c["handle"] == handle) return c;
+    return {};
+}
+
+TEST(Status, TellsWhetherThePolicyIsThere)
+{
+    const string q = fresh_interface();
+    const string text = for_interface(htb_policy, q);
+    const string file = policy_file(text);
+    EXPECT_EQ("unknown", status({q})["policy"]);
+    EXPECT_EQ("default", status({q})["root"]);
+    EXPECT_EQ("differs", status({"--policy", file})["policy"]);
+    EXPECT_EQ("built", apply(text)["result"]);
+    const json same = status({q});
+    EXPECT_EQ("same", same["policy"]);
+    EXPECT_EQ("htb", same["root"]);
+    EXPECT_EQ(json::array(), same["differences"]);
+    EXPECT_EQ(8U, same["classes"].size());
+    EXPECT_EQ("same", status({"--policy", file})["policy"]);
+    const json other =
+        status({"--policy", policy_file(replaced(text, "rate = \"4mbit\"", "rate = \"6mbit\""))});
+    EXPECT_EQ("differs", other["policy"]);
+    EXPECT_TRUE(has(other["differences"].dump(), "class 1:11: rate is 4mbit, not 6mbit")) << other;
+
+    by_hand("tc class change dev " + q + " classid 1:11 htb rate 3mbit ceil 4mbit");
+    by_hand("iptables -w -t mangle -F QOS_" + q);
+    const json drifted = status({q});
+    EXPECT_EQ("differs", drifted["policy"]);
+    ASSERT_EQ(2U, drifted["differences"].size()) << drifted;
+    EXPECT_EQ("class 1:11: rate is 3mbit, not 4mbit", drifted["differences"][0]);
+    EXPECT_TRUE(has(drifted["differences"][1], "rules")) << drifted;
+    const result words = mordel({"status", "--interval", "0.1", q});
+    EXPECT_TRUE(has(words.out, "not as the policy says") && has(words.out, "rate is 3mbit"))
+        << words.out;
+}
+
+TEST(Status, CountsDropsBacklogAndRate)
+{
+    const string q = fresh_interface();
+    EXPECT_EQ("built", apply(for_interface(htb_policy, q))["result"]);
+    send(q, 0x14, 20);
+    (void)::unlink(calls_file.c_str());
+    program looking(command_line({"status", "--json", "--interval", "1", q}), "", spied());
+    while (looking.running()) {
+        send(q, 0x10, 1);
+        (void)::usleep(20000);
+    }
+    const result r = looking.end();
+    EXPECT_EQ(0, r.status) << r.err;
+    const json seen = told(r);
+    auto now = counters_of(q);
+    const json slow = class_of(seen, 0x14);
+    EXPECT_EQ(now["1:14"].dropped, slow["drops"]) << slow;
+    EXPECT_LE(5U, slow["drops"]);
+    // 1,000 bytes, with the headers of UDP, IP and Ethernet
+    EXPECT_LE(5U, slow["backlog_packets"]);
+    EXPECT_EQ(slow["backlog_packets"].get<unsigned>() * 1042, slow["backlog_bytes"]);
+    const json fast = class_of(seen, 0x10);
+    EXPECT_LE(fast["packets"].get<unsigned>(), now["1:10"].packets);
+    EXPECT_EQ(fast["packets"].get<unsigned>() * 1042, fast["bytes"]);
+    EXPECT_LE(8336, fast["rate_bit"]);  // a packet at least
+    EXPECT_LE(fast["rate_bit"].get<double>(), fast["bytes"].get<double>() * 8);
+}
+
+TEST(Status, OfAnInterfaceThatIsNotThere)
+{
+    const result r = mordel({"status", "--interval", "0.1", "q999"});
+    EXPECT_EQ(1, r.status);
+    EXPECT_TRUE(has(r.err, "q999")) << r.err;
+}
+
+// ---- Names --------------------------------------------------------------------------------------
+
+TEST(Names, NeverReachAShell)
+{
+    const string folder = "/run/names";
+    fs::create_directory(folder);
+    fs::current_path(folder);
+    const string q = fresh_interface();
+    const string tricks[] = {"$(touch x)", "'\"; touch x #"};
+    for (const string &trick : tricks) {
+        SCOPED_TRACE(trick);
+        write_file(trick, for_interface(htb_policy, q));
+        for (const char *verb : {"apply", "stop"}) EXPECT_EQ(0, mordel({verb, trick}).status);
+        EXPECT_EQ(2, mordel({"apply", trick, "--interface", trick}).status);
+        EXPECT_EQ(1, mordel({"status", "--interval", "0.1", trick}).status);
+        write_file(trick, for_interface(htb_policy, replaced(trick, "\"", "\\\"")));
+        EXPECT_EQ(2, mordel({"apply", trick}).status);
+        (void)fs::remove(trick);
+        EXPECT_TRUE(fs::is_empty(folder));
+        fs::remove_all(folder + "/x");
+    }
+    fs::current_path("/");
+}
+
+int test_or_spy(int argc, char **argv)
+{
+    const string name = fs::path(argv[0]).filename();
+    if (name == "tc" || name == "iptables" || name == "iptables-restore") return spy(name, argv);
+    testing::InitGoogleTest(&argc, argv);
+    const char *given = argc > 1 ? argv[1] : std::getenv("MORDEL");
+    if (given == nullptr) {
+        std::fprintf(stderr, "usage: uml-run apply_test MORDEL\n");
+        return 2;
+    }
+    mordel_path = given;
+    plain_path = std::getenv("PATH");
+    // IPv6 sends packets of its own accord.
+    for (const char *which : {"all", "default"})
+        write_file(string("/proc/sys/net/ipv6/conf/") + which + "/disable_ipv6", "1");
+    fs::create_directory(spies);
+    for (const char *tool : {"tc", "iptables", "iptables-restore"})
+        fs::create_symlink(fs::canonical("/proc/self/exe"), spies + "/" + tool);
+    return RUN_ALL_TESTS();
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+try {
+    return test_or_spy(argc, argv);
+} catch (const std::exception &e) {
+    std::fprintf(stderr, "apply_test: %s\n", e.what());
+    return 2;
+}

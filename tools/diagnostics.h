@@ -1,0 +1,66 @@
+// What is wrong with a policy: errors and warnings, each with its place.
+#pragma once
+
+#include <algorithm>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tool {
+
+// From 1; columns count characters.
+struct position {
+    unsigned line = 1;
+    unsigned column = 1;
+    bool operator==(const position &) const = default;
+    bool operator<(const position &other) const
+    {
+        return line != other.line ? line < other.line : column < other.column;
+    }
+};
+
+struct diagnostic {
+    position at;
+    bool warning = false;
+    std::string text;
+};
+
+class diagnostics {
+public:
+    void error(position at, std::string text) { add({at, false, std::move(text)}); }
+    void warning(position at, std::string text) { add({at, true, std::move(text)}); }
+
+    bool failed() const { return errors_ != 0; }
+
+    // Whether there is an error at a place: then what comes of it is no news.
+    bool failed_at(position at) const { return failed_.contains(at); }
+    std::size_t errors() const { return errors_; }
+
+    const std::vector<diagnostic> &all() const { return all_; }
+
+    // In the order of the file
+    std::vector<diagnostic> sorted() const
+    {
+        std::vector<diagnostic> list = all_;
+        std::stable_sort(list.begin(), list.end(),
+                         [](const auto &a, const auto &b) { return a.at < b.at; });
+        return list;
+    }
+
+private:
+    void add(diagnostic d)
+    {
+        if (!d.warning) {
+            ++errors_;
+            failed_.insert(d.at);
+        }
+        all_.push_back(std::move(d));
+    }
+
+    std::vector<diagnostic> all_;
+    std::set<position> failed_;
+    std::size_t errors_ = 0;
+};
+
+}  // namespace tool

@@ -1,0 +1,499 @@
+// The command line of mordel.
+#include <langinfo.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <optional>
+
+#include "apply.h"
+#include "guards.h"
+#include "model.h"
+#include "policy.h"
+#include "show.h"
+#include "status.h"
+#include "text.h"
+#include "watch.h"
+
+using namespace tool;
+using std::string;
+using json = nlohmann::ordered_json;
+
+namespace {
+
+enum exit_status { done = 0, failed = 1, refused = 2 };  // refused: a bad policy or command line
+
+struct options {
+    string file;
+    string interface;
+    kernel_kind kernel = kernel_kind::mainline;
+    bool json = false;
+    bool rules_only = false;
+    bool stop = false;
+    bool dot = false;
+    double seconds = 1;
+    apply_options apply;
+    watch_options watch;
+};
+
+void complain(const string &what) { std::fprintf(stderr, "mordel: %s\n", what.c_str()); }
+
+// ---- Policies
+// ------------------------------------------------------------------------------------
+
+// The whole of a file, "-" being standard input; none, with errno, when it cannot be read.
+std::optional<string> read_all(const string &path)
+{
+    mordel::stream_guard opened(path == "-" ? nullptr : std::fopen(path.c_str(), "re"));
+    FILE *in = path == "-" ? stdin : opened.get();
+    if (in == nullptr) return std::nullopt;
+    string text;
+    char piece[4096];
+    while (const std::size_t n = std::fread(piece, 1, sizeof piece, in)) text.append(piece, n);
+    if (std::ferror(in) != 0) return std::nullopt;
+    return text;
+}
+
+void print(const string &file, const diagnostics &found)
+{
+    for (const diagnostic &d : found.sorted())
+        std::fprintf(stderr, "%s:%u:%u: %s%s\n", harmless(file).c_str(), d.at.line, d.at.column,
+                     d.warning ? "warning: " : "", d.text.c_str());
+}
+
+struct loaded {
+    string text;
+    policy rules;
+    diagnostics found;
+};
+
+// The policy of o.file; none, after a word, when it cannot be read.
+std::optional<loaded> load(const options &o)
+{
+    std::optional<string> text = read_all(o.file);
+    if (!text) {
+        complain("cannot read " + tool::quoted(o.file) + ": " + std::strerror(errno));
+        return std::nullopt;
+    }
+    loaded l;
+    l.rules = read_policy(*text, o.kernel, l.found);
+    l.text = std::move(*text);
+    return l;
+}
+
+// The same, but its errors are shown and make it none. Where `o.interface` is given, the others are
+// left out.
+std::optional<loaded> load_good(const options &o)
+{
+    std::optional<loaded> l = load(o);
+    if (!l) return std::nullopt;
+    print(o.file, l->found);
+    if (l->found.failed()) return std::nullopt;
+    if (o.interface.empty()) return l;
+    std::erase_if(l->rules.interfaces,
+                  [&](const policy_interface &iface) { return iface.name != o.interface; });
+    if (!l->rules.interfaces.empty()) return l;
+    complain(harmless(o.file) + " has no interface " + tool::quoted(o.interface));
+    return std::nullopt;
+}
+
+look look_of_stdout()
+{
+    const char *no_color = std::getenv("NO_COLOR");
+    look how;
+    how.colour = ::isatty(STDOUT_FILENO) == 1 && (no_color == nullptr || *no_color == '\0');
+    how.utf8 = std::strcmp(::nl_langinfo(CODESET), "UTF-8") == 0;
+    return how;
+}
+
+int write_out(const string &text, int status = done)
+{
+    if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0)
+        return status;
+    complain(string("cannot write: ") + std::strerror(errno));
+    return failed;
+}
+
+string dumped(const json &value)
+{
+    return value.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+}
+
+// ---- check, render, show
+// -------------------------------------------------------------------------
+
+int check(const options &o)
+{
+    const std::optional<loaded> l = load(o);
+    if (!l) return refused;
+    const int status = l->found.failed() ? refused : done;
+    if (!o.json) {
+        print(o.file, l->found);
+        return status;
+    }
+    json out = {{"file", o.file}, {"ok", status == done}, {"diagnostics", json::array()}};
+    for (const diagnostic &d : l->found.sorted())
+        out["diagnostics"].push_back({{"severity", d.warning ? "warning" : "error"},
+                                      {"line", d.at.line},
+                                      {"column", d.at.column},
+                                      {"message", d.text}});
+    return write_out(dumped(out), status);
+}
+
+int render(const options &o)
+{
+    const auto l = load_good(o);
+    if (!l) return refused;
+    const script which = o.stop ? script::stop : o.rules_only ? script::rules : script::start;
+    const model m(l->rules);
+    if (!m.refused().empty()) {
+        complain("the library refused " + m.refused());
+        return failed;
+    }
+    string all;
+    for (const policy_interface &iface : l->rules.interfaces) all += script_text(iface.name, which);
+    return write_out(all);
+}
+
+int show(const options &o)
+{
+    const auto l = load_good(o);
+    if (!l) return refused;
+    return write_out(o.json  ? show_json(l->rules)
+                     : o.dot ? show_dot(l->rules)
+                             : show_tree(l->rules, look_of_stdout()));
+}
+
+// ---- apply, stop
+// ---------------------------------------------------------------------------------
+
+const char *word_for(const outcome &r)
+{
+    switch (r.result) {
+    case outcome::kind::built:
+        return "built";
+    case outcome::kind::changed:
+        return "changed";
+    case outcome::kind::stopped:
+        return "stopped";
+    case outcome::kind::unchanged:
+        return "unchanged";
+    default:
+        return "failed";
+    }
+}
+
+json to_json(const outcome &r)
+{
+    json out = {{"name", r.name},
+                {"result", word_for(r)},
+                {"tc_commands", r.tc_commands},
+                {"rule_commands", r.by_script ? 0 : r.commands.size() - r.tc_commands},
+                {"by_script", r.by_script},
+                {"commands", r.commands},
+                {"notes", r.notes}};
+    if (r.result != outcome::kind::failed) return out;
+    out["error"] = r.error;
+    out["failed_command"] = r.failed_command;
+    out["failed_line"] = r.failed_line;
+    out["restored"] = r.restored;
+    return out;
+}
+
+// What was done, or would be
+string in_words(const outcome &r, bool dry)
+{
+    if (r.result == outcome::kind::unchanged) return r.name + ": nothing to do\n";
+    string out = r.name + ": ";
+    if (dry) {
+        out += format("would be %s by\n", word_for(r));
+        for (const string &command : r.commands) out += "  " + command + "\n";
+        return out;
+    }
+    out += word_for(r);
+    if (r.by_script) return out + ", by the script\n";
+    return out + format(", %zu tc and %zu iptables commands\n", r.tc_commands,
+                        r.commands.size() - r.tc_commands);
+}
+
+void complain_of(const outcome &r)
+{
+    if (r.result == outcome::kind::failed) complain(r.name + ": " + r.error);
+    if (!r.failed_command.empty())
+        complain(format("%s: line %u of its start script: %s", r.name.c_str(), r.failed_line,
+                        r.failed_command.c_str()));
+    for (const string &note : r.notes) complain(r.name + ": " + note);
+    if (r.restored) complain(r.name + ": back on its default qdisc, without rules");
+}
+
+int report(const std::vector<outcome> &all, const options &o)
+{
+    int status = done;
+    string text;
+    json out = {{"ok", true}, {"dry_run", o.apply.dry_run}, {"interfaces", json::array()}};
+    for (const outcome &r : all) {
+        if (r.result == outcome::kind::failed) {
+            status = failed;
+            out["ok"] = false;
+        }
+        complain_of(r);
+        out["interfaces"].push_back(to_json(r));
+        if (r.result != outcome::kind::failed) text += in_words(r, o.apply.dry_run);
+    }
+    return write_out(o.json ? dumped(out) : text, status);
+}
+
+int apply_or_stop(const options &o, bool stopping)
+{
+    const auto l = load_good(o);
+    if (!l) return refused;
+    if (::geteuid() != 0 && !o.apply.dry_run) {
+        complain("this takes root; --dry-run shows what would be done");
+        return failed;
+    }
+    const model m(l->rules);
+    if (!m.refused().empty()) {
+        complain("the library refused " + m.refused());
+        return failed;
+    }
+    std::optional<apply_lock> lock;
+    if (!o.apply.dry_run) {
+        lock.emplace(o.apply.wait);
+        if (!lock->error().empty()) {
+            complain(lock->error());
+            return failed;
+        }
+    }
+    return report(
+        stopping ? stop_policy(l->rules, o.apply) : apply_policy(l->rules, l->text, o.apply), o);
+}
+
+// ---- status
+// --------------------------------------------------------------------------------------
+
+// One interface, beside the policy that was given, or else the one that was applied last
+std::optional<interface_status> status_of(const string &name, const options &o,
+                                          const std::optional<loaded> &given)
+{
+    policy p;
+    if (given) {
+        p = given->rules;
+    } else if (const auto text = applied_policy(name)) {
+        diagnostics ignored;  // it was looked at when it was applied
+        p = read_policy(*text, kernel_kind::vendor, ignored);
+    }
+    std::erase_if(p.interfaces, [&](const policy_interface &iface) { return iface.name != name; });
+    const model m(p);
+    string why;
+    auto s = look_at(name, p.interfaces.empty() ? nullptr : &p.interfaces.front(), o.seconds,
+                     o.apply.wait, why);
+    if (!s) complain(name + ": " + why);
+    return s;
+}
+
+int status(const options &o)
+{
+    std::optional<loaded> given;
+    if (!o.file.empty() && !(given = load_good(o))) return refused;
+    std::vector<string> names;
+    if (!o.interface.empty())
+        names.push_back(o.interface);
+    else if (given)
+        for (const policy_interface &iface : given->rules.interfaces) names.push_back(iface.name);
+    else
+        names = applied_interfaces();
+    if (names.empty()) {
+        complain("nothing was applied; name an interface, or a policy with --policy");
+        return failed;
+    }
+    int result = done;
+    std::vector<interface_status> all;
+    for (const string &name : names) {
+        if (auto s = status_of(name, o, given))
+            all.push_back(std::move(*s));
+        else
+            result = failed;
+    }
+    string text;
+    for (const interface_status &s : all) text += status_text(s, look_of_stdout());
+    return write_out(o.json ? status_json(all) : text, result);
+}
+
+// ---- The command line
+// ----------------------------------------------------------------------------
+
+void add_kernel(CLI::App *command, options &o)
+{
+    command
+        ->add_option_function<string>(
+            "--kernel",
+            [&o](const string &kind) {
+                o.kernel = kind == "vendor" ? kernel_kind::vendor : kernel_kind::mainline;
+            },
+            "Which kernel is meant: warn of what mainline ones refuse (the default), or not")
+        ->type_name("KIND")
+        ->check(CLI::IsMember({"mainline", "vendor"}));
+}
+
+CLI::App *add_command(CLI::App &app, options &o, const char *name, const char *does,
+                      const char *examples)
+{
+    CLI::App *command = app.add_subcommand(name, does);
+    command->add_option("FILE", o.file, "The policy; - is standard input")
+        ->required()
+        ->type_name("");
+    add_kernel(command, o);
+    command->footer(string("Examples:\n") + examples);
+    return command;
+}
+
+void add_interface(CLI::App *command, options &o)
+{
+    command->add_option("--interface", o.interface, "This interface of the policy alone")
+        ->type_name("NAME");
+}
+
+void add_json(CLI::App *command, options &o)
+{
+    command->add_flag("--json", o.json, "As JSON, for a program");
+}
+
+void add_wait(CLI::App *command, options &o)
+{
+    command->add_option("--wait", o.apply.wait, "Seconds to wait for each lock (10)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0U, 3600U));
+}
+
+void add_check(CLI::App &app, options &o)
+{
+    CLI::App *c =
+        add_command(app, o, "check", "Say all that is wrong with a policy",
+                    "  mordel check home.toml\n  mordel check --kernel vendor home.toml\n");
+    add_json(c, o);
+}
+
+void add_render(CLI::App &app, options &o)
+{
+    CLI::App *c =
+        add_command(app, o, "render", "Print the scripts of a policy; nothing is written elsewhere",
+                    "  mordel render home.toml --interface eth0 > start.sh\n"
+                    "  mordel render home.toml --stop\n");
+    add_interface(c, o);
+    CLI::Option *rules = c->add_flag("--rules-only", o.rules_only, "The rule scripts");
+    c->add_flag("--stop", o.stop, "The stop scripts")->excludes(rules);
+}
+
+void add_show(CLI::App &app, options &o)
+{
+    CLI::App *c = add_command(
+        app, o, "show", "Show the tree, its rates, and the rules that lead to each class",
+        "  mordel show home.toml\n  mordel show --dot home.toml | dot -Tsvg > home.svg\n");
+    add_interface(c, o);
+    CLI::Option *dot = c->add_flag("--dot", o.dot, "As a graph for Graphviz");
+    c->add_flag("--json", o.json, "As JSON, for a program")->excludes(dot);
+}
+
+void add_apply(CLI::App &app, options &o)
+{
+    CLI::App *c = add_command(app, o, "apply", "Bring a policy into the kernel (root)",
+                              "  mordel apply --dry-run home.toml\n  mordel apply home.toml\n");
+    add_interface(c, o);
+    add_json(c, o);
+    add_wait(c, o);
+    c->add_flag("--dry-run", o.apply.dry_run, "Show what would be done, and do nothing");
+    c->add_flag("--script", o.apply.script, "Run the start script as it stands");
+}
+
+void add_stop(CLI::App &app, options &o)
+{
+    CLI::App *c =
+        add_command(app, o, "stop", "Put the interfaces of a policy back on their default (root)",
+                    "  mordel stop home.toml\n");
+    add_interface(c, o);
+    add_json(c, o);
+    add_wait(c, o);
+    c->add_flag("--dry-run", o.apply.dry_run, "Show what would be done, and do nothing");
+}
+
+void add_status(CLI::App &app, options &o)
+{
+    CLI::App *c = app.add_subcommand("status", "Show the kernel's live classes beside the policy");
+    c->add_option("NAME", o.interface, "An interface; else all that a policy was applied to")
+        ->type_name("");
+    c->add_option("--policy", o.file, "Beside this policy, not the one applied last")
+        ->type_name("FILE");
+    c->add_option("--interval", o.seconds, "Seconds over which rates are taken (1)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.1, 60.0));
+    add_kernel(c, o);
+    add_json(c, o);
+    c->footer("Examples:\n  mordel status\n  mordel status eth0 --json\n");
+}
+
+void add_watch(CLI::App &app, options &o)
+{
+    CLI::App *c = app.add_subcommand("watch", "Show interfaces' bandwidth until q is pressed");
+    c->add_option("NAME", o.watch.names, "Interfaces")->required()->type_name("...");
+    c->add_option("--interval", o.watch.interval, "Seconds between samples (1)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1U, 255U));
+    c->add_option("--count", o.watch.count, "End after so many samples")->type_name("N");
+    c->add_flag("--json", o.watch.json, "As JSON, an object a line");
+    c->footer("Examples:\n  mordel watch eth0 wlan0\n  mordel watch --count 10 eth0\n");
+}
+
+struct command {
+    const char *name;
+    void (*add)(CLI::App &, options &);
+    int (*run)(const options &);
+};
+
+constexpr command commands[] = {
+    {"check", add_check, check},
+    {"render", add_render, render},
+    {"show", add_show, show},
+    {"apply", add_apply, [](const options &o) { return apply_or_stop(o, false); }},
+    {"stop", add_stop, [](const options &o) { return apply_or_stop(o, true); }},
+    {"status", add_status, status},
+    {"watch", add_watch, [](const options &o) { return tool::watch(o.watch, look_of_stdout()); }},
+};
+
+const command *find_command(const string &name)
+{
+    for (const command &c : commands)
+        if (name == c.name) return &c;
+    return nullptr;
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+try {
+    (void)std::setlocale(LC_CTYPE, "");
+    options o;
+    CLI::App app("Shapes a router's interfaces by a policy file.", "mordel");
+    app.require_subcommand(1);
+    app.set_version_flag("--version", "mordel " MORDEL_VERSION);
+    app.footer("Exit status: 0 done, 1 failed, 2 a bad policy or command line.\n"
+               "mordel COMMAND --help tells of each command.");
+    // The options of a command take some time to set up: only those of the one that is asked for.
+    const command *asked = argc > 1 ? find_command(argv[1]) : nullptr;
+    for (const command &c : commands)
+        if (asked == nullptr || asked == &c) c.add(app, o);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        return app.exit(e) == 0 ? done : refused;
+    }
+    return find_command(app.get_subcommands().front()->get_name())->run(o);
+} catch (const std::exception &e) {  // out of memory, most likely
+    std::fprintf(stderr, "mordel: %s\n", e.what());
+    return failed;
+}

@@ -1,0 +1,115 @@
+#include "process.h"
+
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <memory>
+
+namespace tool {
+namespace {
+
+struct closer {
+    void operator()(FILE *stream) const { (void)std::fclose(stream); }
+};
+// Files without a name, not pipes: nobody has to read while somebody writes. Older kernels have
+// none in memory.
+using temporary = std::unique_ptr<FILE, closer>;
+
+temporary make_temporary()
+{
+    const int fd = ::memfd_create("mordel", MFD_CLOEXEC);
+    return temporary(fd >= 0 ? ::fdopen(fd, "w+e") : std::tmpfile());
+}
+
+std::string contents(FILE *stream)
+{
+    std::string text;
+    std::array<char, 4096> piece{};
+    // Through the descriptor: the child has moved the file's offset, not the stream's.
+    off_t at = 0;
+    for (;;) {
+        const ssize_t n = ::pread(::fileno(stream), piece.data(), piece.size(), at);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return text;
+        text.append(piece.data(), static_cast<std::size_t>(n));
+        at += n;
+    }
+}
+
+bool fill(FILE *stream, const std::string &text)
+{
+    return std::fwrite(text.data(), 1, text.size(), stream) == text.size() &&
+           std::fflush(stream) == 0 && ::lseek(::fileno(stream), 0, SEEK_SET) == 0;
+}
+
+int wait_for(pid_t child)
+{
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0)
+        if (errno != EINTR) return 127;
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+}  // namespace
+
+run_result run(const std::vector<std::string> &command, const std::string &input)
+{
+    run_result result;
+    const temporary in = make_temporary();
+    const temporary out = make_temporary();
+    const temporary err = make_temporary();
+    if (!in || !out || !err || !fill(in.get(), input)) {
+        result.missing = true;
+        result.err = "no room for a temporary file";
+        return result;
+    }
+    std::vector<char *> argv;
+    argv.reserve(command.size() + 1);
+    for (const std::string &word : command) argv.push_back(const_cast<char *>(word.c_str()));
+    argv.push_back(nullptr);
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, ::fileno(in.get()), STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, ::fileno(out.get()), STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, ::fileno(err.get()), STDERR_FILENO);
+    pid_t child = 0;
+    const int failure =
+        ::posix_spawnp(&child, argv.front(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (failure != 0) {
+        result.missing = true;
+        return result;
+    }
+    result.status = wait_for(child);
+    result.out = contents(out.get());
+    result.err = contents(err.get());
+    return result;
+}
+
+struct uninterrupted::state {
+    sigset_t mask;
+};
+
+uninterrupted::uninterrupted() : before_(new state)
+{
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE, SIGTSTP})
+        sigaddset(&set, number);
+    sigprocmask(SIG_BLOCK, &set, &before_->mask);
+}
+
+uninterrupted::~uninterrupted()
+{
+    sigprocmask(SIG_SETMASK, &before_->mask, nullptr);
+    delete before_;
+}
+
+}  // namespace tool

@@ -1,0 +1,232 @@
+// The library's monitor samples in a thread of its own; this draws what it holds.
+#include "watch.h"
+
+#include <net/if.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/ipc.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+
+#include "list_range.h"
+#include "text.h"
+
+namespace tool {
+namespace {
+
+using std::string;
+using clock = std::chrono::steady_clock;
+
+volatile std::sig_atomic_t signalled = 0;
+void on_signal(int) { signalled = 1; }
+
+// A terminal that takes single keys and shows one picture after the other, until it is left
+class screen {
+public:
+    screen()
+    {
+        if (::tcgetattr(STDIN_FILENO, &before_) == 0) {
+            termios keys = before_;
+            keys.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+            keys_ = ::tcsetattr(STDIN_FILENO, TCSANOW, &keys) == 0;
+        }
+        std::fputs("\033[?1049h\033[?25l", stdout);
+    }
+    screen(const screen &) = delete;
+    screen &operator=(const screen &) = delete;
+    ~screen()
+    {
+        std::fputs("\033[?25h\033[?1049l", stdout);
+        (void)std::fflush(stdout);
+        if (keys_) (void)::tcsetattr(STDIN_FILENO, TCSANOW, &before_);
+    }
+
+    bool keys() const { return keys_; }
+
+    static std::size_t width()
+    {
+        winsize size{};
+        return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+    }
+
+    static void draw(const std::vector<string> &rows)
+    {
+        string picture = "\033[H";
+        for (const string &row : rows) picture += row + "\033[K\r\n";
+        picture += "\033[J";
+        std::fputs(picture.c_str(), stdout);
+    }
+
+private:
+    termios before_{};
+    bool keys_ = false;
+};
+
+struct rates {
+    string name;
+    std::vector<u64> rx;  // bytes/s, oldest first
+    std::vector<u64> tx;
+};
+
+// The registry outlives main: its thread is detached and may look at it until the process ends.
+bm_list registry;
+
+// The histories, read under the monitor's own lock
+std::vector<rates> histories()
+{
+    std::vector<rates> all;
+    (void)downdown(registry.semid, __FILE__, __LINE__, __func__);
+    for (const bm_iface &iface : mordel::each<&bm_iface::node>(registry.list)) {
+        rates r;
+        r.name = iface.ifname;
+        for (const bm_sample &sample : mordel::each<&bm_sample::node>(iface.history)) {
+            r.rx.push_back(sample.rx_rate);
+            r.tx.push_back(sample.tx_rate);
+        }
+        all.push_back(r);
+    }
+    (void)upup(registry.semid, __FILE__, __LINE__, __func__);
+    return all;
+}
+
+string rate_of(const std::vector<u64> &list)
+{
+    return list.empty() ? "-" : measured_rate(static_cast<double>(list.back()) * 8);
+}
+
+string peak_of(const std::vector<u64> &list)
+{
+    const u64 most = list.empty() ? 0 : *std::max_element(list.begin(), list.end());
+    return measured_rate(static_cast<double>(most) * 8);
+}
+
+std::vector<string> picture(const watch_options &o, const look &how)
+{
+    std::vector<string> rows = {format("every %us; q quits", o.interval), ""};
+    const std::size_t cells =
+        std::min<std::size_t>(screen::width() > 50 ? screen::width() - 48 : 8, 120);
+    for (const rates &r : histories()) {
+        rows.push_back(how.colour ? "\033[1m" + r.name + "\033[0m" : r.name);
+        for (const auto &[what, list] : {std::pair{"in", &r.rx}, std::pair{"out", &r.tx}})
+            rows.push_back(format("  %-4s %10s  peak %10s  ", what, rate_of(*list).c_str(),
+                                  peak_of(*list).c_str()) +
+                           sparkline(*list, cells, how.utf8));
+        rows.emplace_back();
+    }
+    return rows;
+}
+
+void print_lines(const watch_options &o)
+{
+    for (const rates &r : histories()) {
+        if (r.rx.empty()) continue;
+        if (o.json)
+            std::printf("{\"name\": \"%s\", \"in_bit\": %s, \"out_bit\": %s}\n", r.name.c_str(),
+                        std::to_string(r.rx.back() * 8).c_str(),
+                        std::to_string(r.tx.back() * 8).c_str());
+        else
+            std::printf("%s in %s out %s\n", r.name.c_str(), rate_of(r.rx).c_str(),
+                        rate_of(r.tx).c_str());
+    }
+}
+
+// Until a moment; true when the user wants an end.
+bool wait_until(clock::time_point until, bool keys)
+{
+    while (signalled == 0) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(until - clock::now()).count();
+        if (left <= 0) return false;
+        pollfd in{keys ? STDIN_FILENO : -1, POLLIN, 0};
+        if (::poll(&in, 1, static_cast<int>(left)) <= 0) continue;
+        char key = 0;
+        if (::read(STDIN_FILENO, &key, 1) <= 0)
+            keys = false;  // the terminal is gone
+        else if (key == 'q' || key == 'Q')
+            return true;
+    }
+    return true;
+}
+
+bool start_monitor(const watch_options &o)
+{
+    if (init_bm(&registry, IPC_PRIVATE, static_cast<u8>(o.interval), 1) != 1) {
+        std::fprintf(stderr, "mordel: no semaphore for the monitor: %s\n", std::strerror(errno));
+        return false;
+    }
+    for (const string &name : o.names) (void)add_bm_by_iface(name.c_str(), &registry);
+    if (bm_start(&registry) == 0) return true;
+    std::fprintf(stderr, "mordel: no thread for the monitor\n");
+    return false;
+}
+
+// As often as asked, or until the user or the reader of the output has enough
+int show_samples(const watch_options &o, const look &how, bool terminal)
+{
+    std::optional<screen> drawing;
+    if (terminal) drawing.emplace();
+    const bool keys = drawing && drawing->keys();
+    // A little behind the monitor's own samples
+    auto next = clock::now() + std::chrono::milliseconds(100);
+    if (drawing) screen::draw(picture(o, how));
+    for (unsigned shown = 0; o.count == 0 || shown < o.count; ++shown) {
+        if (std::fflush(stdout) != 0) return errno == EPIPE ? 0 : 1;
+        next += std::chrono::seconds(o.interval);
+        if (wait_until(next, keys)) break;
+        if (drawing)
+            screen::draw(picture(o, how));
+        else
+            print_lines(o);
+    }
+    if (std::fflush(stdout) != 0 && errno != EPIPE) return 1;
+    return 0;
+}
+
+}  // namespace
+
+string sparkline(const std::vector<u64> &list, std::size_t cells, bool utf8)
+{
+    static const char *const blocks[] = {"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
+    static const char *const signs[] = {"_", ".", ":", "-", "=", "+", "*", "#"};
+    const std::size_t first = list.size() > cells ? list.size() - cells : 0;
+    u64 most = 0;
+    for (std::size_t i = first; i < list.size(); ++i) most = std::max(most, list[i]);
+    string out;
+    for (std::size_t i = first; i < list.size(); ++i) {
+        const auto level = most == 0
+                               ? 0
+                               : static_cast<std::size_t>(std::lround(
+                                     static_cast<double>(list[i]) * 7 / static_cast<double>(most)));
+        out += utf8 ? blocks[level] : signs[level];
+    }
+    return out;
+}
+
+int watch(const watch_options &o, const look &how)
+{
+    for (const string &name : o.names) {
+        if (::if_nametoindex(name.c_str()) != 0) continue;
+        std::fprintf(stderr, "mordel: there is no interface %s\n", quoted(name).c_str());
+        return 1;
+    }
+    struct sigaction action {};
+    action.sa_handler = on_signal;
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) (void)::sigaction(number, &action, nullptr);
+    (void)std::signal(SIGPIPE, SIG_IGN);
+    if (!start_monitor(o)) return 1;
+    const bool terminal = !o.json && ::isatty(STDOUT_FILENO) == 1;
+    const int status = show_samples(o, how, terminal);
+    (void)sem_delete(registry.semid);
+    return status;
+}
+
+}  // namespace tool
