@@ -1,10 +1,8 @@
 // The command line of mordel.
-#include <langinfo.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
-#include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -103,12 +101,23 @@ std::optional<loaded> load_good(const options &o)
     return std::nullopt;
 }
 
+// By the locale's name alone: a router has no locales to ask.
+bool is_utf8_locale()
+{
+    for (const char *variable : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+        const char *value = std::getenv(variable);
+        if (value == nullptr || *value == '\0') continue;
+        return ::strcasestr(value, "UTF-8") != nullptr || ::strcasestr(value, "utf8") != nullptr;
+    }
+    return false;
+}
+
 look look_of_stdout()
 {
     const char *no_color = std::getenv("NO_COLOR");
     look how;
     how.colour = ::isatty(STDOUT_FILENO) == 1 && (no_color == nullptr || *no_color == '\0');
-    how.utf8 = std::strcmp(::nl_langinfo(CODESET), "UTF-8") == 0;
+    how.utf8 = is_utf8_locale();
     return how;
 }
 
@@ -476,7 +485,6 @@ const command *find_command(const string &name)
 
 int main(int argc, char **argv)
 try {
-    (void)std::setlocale(LC_CTYPE, "");
     options o;
     CLI::App app("Shapes a router's interfaces by a policy file.", "mordel");
     app.require_subcommand(1);
