@@ -955,6 +955,7 @@ void read_name(table_reader &in, policy_interface &iface)
     const auto name = in.text("name", "it is a text like \"eth0\"");
     if (!name) return;
     iface.name = *name;
+    iface.name_at = in.at("name");
     if (!safe_name(*name))
         in.wrong("name",
                  "it goes into a script as it is: 1 to 15 letters, digits and . _ -, no dash"
@@ -1047,10 +1048,10 @@ std::optional<position> key_of_many_parts(string_view text)
 
 void places::note(string_view key, position at)
 {
-    static constexpr string_view kept[] = {"handle", "parent", "rate",    "ceil",     "leaf",
-                                           "ul",     "sc",     "ls",      "rt",       "mark",
-                                           "tos",    "dscp",   "mac",     "schedule", "url",
-                                           "mkvlan", "domain", "vlan_id", "vlan_prio"};
+    static constexpr string_view kept[] = {
+        "burst", "cburst",   "handle", "parent", "rate",   "ceil",    "leaf",
+        "ul",    "sc",       "ls",     "rt",     "mark",   "tos",     "dscp",
+        "mac",   "schedule", "url",    "mkvlan", "domain", "vlan_id", "vlan_prio"};
     const auto *known = std::find(std::begin(kept), std::end(kept), key);
     if (known != std::end(kept)) all_.emplace_back(*known, at);
 }

@@ -70,6 +70,7 @@ struct policy_interface {
     bool handles_known = true;          // those of all classes could be read
     std::vector<policy_class> classes;  // the entries, in the order of the file
     std::vector<policy_rule> rules;     // likewise
+    position name_at;
     position default_at;
     position link_at;  // of link_tx and phy_tx
     position phy_at;
@@ -110,6 +111,10 @@ struct tree_class {
 };
 std::vector<tree_class> tree_of(const policy_interface &iface);
 const tree_class *find_class(const std::vector<tree_class> &tree, u32 handle);
+
+// The n for which 1/2^n is the weight that tc gives the average queue of a RED leaf: the largest
+// weight that lets a burst pass. 0 when there is none.
+u32 red_wlog(const red_leaf_param &red);
 
 // Reads and checks a policy. Whatever is wrong is in `found`; the result is of use only when
 // nothing of it is an error.

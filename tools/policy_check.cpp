@@ -1,5 +1,6 @@
 // The second half of reading a policy: what values mean together, and what the kernel will say.
 
+#include <bit>
 #include <cmath>
 #include <map>
 #include <set>
@@ -96,17 +97,6 @@ string handles(const std::vector<tree_class> &tree, bool leaves_only)
         if (n++ < shown) list += (list.empty() ? "" : ", ") + hex(handle);
     if (n > shown) list += format(" and %zu more", n - shown);
     return list.empty() ? "none" : list;
-}
-
-// Whether tc finds a weight for RED's average queue, 1/2 to 1/2^31, that lets a burst pass
-bool has_average(const red_leaf_param &red)
-{
-    const double room = double(red.burst) + 1 - double(red.min) / red.avpkt;
-    for (int n = 1; n <= 31; ++n) {
-        const double weight = std::ldexp(1.0, -n);
-        if (room <= (1 - std::pow(1 - weight, red.burst)) / weight) return true;
-    }
-    return false;
 }
 
 class interface_checker {
@@ -229,6 +219,7 @@ private:
             found_.error(place(entry, "ceil"),
                          format("ceil %s is below the rate, %s; raise it to that or more",
                                 rate_text(p.ceil).c_str(), rate_text(p.rate).c_str()));
+        check_bursts(entry, p);
         const tree_class *parent = find_class(classes_, c.parent);
         if (parent == nullptr || parent == &c || parent->htb.ceil == 0) return;
         const string ceil = rate_text(parent->htb.ceil);
@@ -243,6 +234,35 @@ private:
                                   rate_text(p.ceil).c_str(), c.parent, ceil.c_str()));
     }
 
+    // A burst travels as the time that it takes, in 32 bits of 64 ns.
+    static bool takes_too_long(u32 bytes, u32 kbit)
+    {
+        return kbit != 0 && bytes / (kbit * 125.0) * 15.625e6 > 4294967295.0;
+    }
+    static constexpr char burst_right[] =
+        "tc cannot say a burst that takes more than 274 s at its rate; lower it";
+
+    void check_bursts(const policy_class &entry, const htb_class_param &p)
+    {
+        if (takes_too_long(p.burst, p.rate)) found_.error(place(entry, "burst"), burst_right);
+        if (takes_too_long(p.cburst, p.ceil)) found_.error(place(entry, "cburst"), burst_right);
+    }
+
+    void check_curve(const policy_class &entry, const char *key, const hfsc_curve &curve)
+    {
+        constexpr u32 most_kbit = 34359738;  // in bytes/s, 32 bits
+        constexpr u32 most_umax = 4294;      // tc counts umax * 1000000 in 32 bits
+        if (curve.rate > most_kbit)
+            found_.error(place(entry, key), format("tc takes an HFSC rate of at most %s; lower it",
+                                                   rate_text(most_kbit).c_str()));
+        const double rate = curve.rate * 125.0;
+        if (curve.umax > most_umax && curve.dmax != 0 &&
+            std::ceil(curve.umax * 1e3 / curve.dmax) <= rate)
+            found_.warning(place(entry, key),
+                           "tc miscounts a umax above 4294 bytes that the rate sends within dmax;"
+                           " leave umax and dmax out");
+    }
+
     void check_hfsc(const tree_class &c, const policy_class &entry)
     {
         const hfsc_class_param &p = c.hfsc;
@@ -255,6 +275,9 @@ private:
                                         " that or less",
                                         key, rate_text(curve->rate).c_str(), c.parent,
                                         rate_text(parent->hfsc.ul.rate).c_str()));
+        for (const auto &[key, curve] : {std::pair{"ul", &p.ul}, std::pair{"sc", &p.sc},
+                                         std::pair{"ls", &p.ls}, std::pair{"rt", &p.rt}})
+            check_curve(entry, key, *curve);
         check_written_curves(c, entry);
         if (!mainline_) return;
         if (p.ul.rate == 0)
@@ -307,8 +330,15 @@ private:
                 found_.error(
                     at, "a red leaf's max must not be above its limit; lower max or raise limit");
             const bool short_burst = red.burst != 0 && u64{red.burst} * red.avpkt < red.min;
-            if (red.burst != 0 && !short_burst && !has_average(red))
+            if (red.burst != 0 && !short_burst && red_wlog(red) == 0)
                 found_.error(at, "tc finds no averaging constant for a red leaf's burst; lower it");
+            // Fixed-point limits, tc's and the kernel's own
+            if (red.max > red.min && 0.02 / (red.max - red.min) * 0x1p31 <= 1)
+                found_.error(at, "tc finds no probability for a red leaf with max so far above min;"
+                                 " lower max");
+            else if (red_wlog(red) != 0 && std::bit_width(red.max) + red_wlog(red) >= 32)
+                found_.error(at, "the kernel takes no red leaf of so large a max with so large a"
+                                 " burst; lower one of them");
             if (short_burst)
                 found_.error(at,
                              format("a red leaf's burst must be at least min / avpkt packets, here"
@@ -319,7 +349,13 @@ private:
             const tbf_leaf_param &tbf = entry.leaf.param.tbf;
             if (tbf.rate == 0 || tbf.burst == 0 || tbf.latency == 0)
                 found_.error(at, "tc takes no 0 in a tbf leaf; give rate, burst and latency");
-            else if (tbf.burst != 0 && tbf.burst < 1514)
+            else if (tbf.rate * 125.0 * tbf.latency / 1e3 + tbf.burst > 4294967295.0)
+                found_.error(at,
+                             "a tbf leaf's latency at its rate comes to more than 4 GiB, which tc"
+                             " cannot say; lower latency");
+            else if (takes_too_long(tbf.burst, tbf.rate))
+                found_.error(at, burst_right);
+            else if (tbf.burst < 1514)
                 found_.warning(at, "a tbf leaf drops packets longer than its burst; give 1514b or"
                                    " more");
         }
@@ -450,6 +486,16 @@ void add_subtree(const std::vector<tree_class> &all, u32 parent, std::vector<tre
 
 }  // namespace
 
+u32 red_wlog(const red_leaf_param &red)
+{
+    const double room = double(red.burst) + 1 - double(red.min) / red.avpkt;
+    for (u32 n = 1; n <= 31 && room >= 1; ++n) {
+        const double weight = std::ldexp(1.0, -static_cast<int>(n));
+        if (room <= (1 - std::pow(1 - weight, red.burst)) / weight) return n;
+    }
+    return 0;
+}
+
 std::vector<tree_class> tree_of(const policy_interface &iface)
 {
     std::vector<tree_class> out;
@@ -476,6 +522,11 @@ void check_policy(const policy &p, kernel_kind kernel, diagnostics &found)
         if (!iface.name.empty() && !names.insert(iface.name).second)
             found.error(iface.at,
                         "a second interface named " + quoted(iface.name) + "; give each one entry");
+        const string auto_chain = "_AUTO";
+        if (iface.name.size() > auto_chain.size() &&
+            iface.name.substr(iface.name.size() - auto_chain.size()) == auto_chain)
+            found.error(iface.name_at, "the chain of such an interface is the automark chain of one"
+                                       " named without _AUTO; rename it");
         if (iface.known) interface_checker(p, iface, kernel, found).check();
     }
 }

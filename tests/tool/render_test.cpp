@@ -10,6 +10,8 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
+#include <cmath>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -655,6 +657,12 @@ private:
         return 0;
     }
 
+    // Bytes that a rate carries in as long as a burst may take
+    static u32 sent(u32 kbit)
+    {
+        return static_cast<u32>(std::min<u64>(most, u64{kbit} * 125 * 274));
+    }
+
     void add_htb(table &t, class_plan &c, const string &name)
     {
         const u32 above = limit_above(c);
@@ -667,8 +675,8 @@ private:
             put(t, "ceil", spelt_rate(d_, p.ceil));
         }
         if (d_.chance(50)) put(t, "prio", spelt(d_, p.prio = d_.number(0, 7)));
-        if (d_.chance(50)) put(t, "burst", spelt_size(d_, p.burst = d_.number(0, most)));
-        if (d_.chance(50)) put(t, "cburst", spelt_size(d_, p.cburst = d_.number(0, most)));
+        if (d_.chance(50)) put(t, "burst", spelt_size(d_, p.burst = d_.number(0, sent(p.rate))));
+        if (d_.chance(50)) put(t, "cburst", spelt_size(d_, p.cburst = d_.number(0, sent(p.ceil))));
         c.limit = p.ceil;
         EXPECT_EQ(0, add_class(name_.c_str(), c.parent, c.handle, &p, name.c_str()));
     }
@@ -687,17 +695,21 @@ private:
         if (d_.chance(60)) put(own, "umax", spelt_size(d_, out.umax = d_.number(0, most)));
         if (d_.chance(60)) put(own, "dmax", spelt_time(d_, out.dmax = d_.number(0, most)));
         t.tables.push_back(own);
+        if (out.umax > 4294 && out.dmax != 0 &&
+            std::ceil(out.umax * 1e3 / out.dmax) <= out.rate * 125.0)
+            warnings_.emplace_back("miscounts");
         return out;
     }
 
     void add_hfsc(table &t, class_plan &c, const string &name)
     {
         const u32 above = limit_above(c);
-        const u32 limit = above == 0 ? most : above;
+        constexpr u32 fastest = 34359738;
+        const u32 limit = above == 0 ? fastest : std::min(above, fastest);
         hfsc_class_param p{};
-        p.ul = curve(t, "ul", most);
+        p.ul = curve(t, "ul", fastest);
         p.sc = curve(t, "sc", limit);
-        p.ls = curve(t, "ls", most);
+        p.ls = curve(t, "ls", fastest);
         p.rt = curve(t, "rt", limit);
         c.limit = p.ul.rate;
         // Of these the first is written, and of an inner class no rt.
@@ -710,15 +722,28 @@ private:
         EXPECT_EQ(0, add_class(name_.c_str(), c.parent, c.handle, &p, name.c_str()));
     }
 
+    // Whether tc finds a weight for it, and the kernel has room for that.
+    static bool is_taken(const red_leaf_param &p)
+    {
+        const double room = p.burst + 1.0 - static_cast<double>(p.min) / p.avpkt;
+        const int max_bits = static_cast<int>(std::bit_width(p.max));
+        for (int n = 1; n + max_bits < 32; ++n) {
+            const double passed = 1 - std::pow(1 - std::ldexp(1.0, -n), p.burst);
+            if (room <= std::ldexp(passed, n)) return true;
+        }
+        return false;
+    }
+
     void add_red(table &t, red_leaf_param &p)
     {
-        p.min = d_.number(2, most - 1);
-        p.max = d_.number(p.min + 1, most);
-        p.limit = d_.number(p.max, most);
-        // tc wants a burst of min / avpkt packets, and finds no average for one far above that.
-        p.avpkt = d_.number(1, p.min / 2);
-        const u32 least = p.min / p.avpkt + (p.min % p.avpkt == 0 ? 0 : 1);
-        p.burst = d_.number(least, std::max(least, u32{60000}));
+        do {
+            p.min = d_.number(2, 1000000);
+            p.max = d_.number(p.min + 1, p.min + 10000000);
+            p.limit = d_.number(p.max, most);
+            p.avpkt = d_.number(1, p.min / 2);
+            const u32 least = p.min / p.avpkt + (p.min % p.avpkt == 0 ? 0 : 1);
+            p.burst = d_.number(least, least + 1000);
+        } while (!is_taken(p));
         put(t, "min", spelt_size(d_, p.min));
         put(t, "max", spelt_size(d_, p.max));
         put(t, "limit", spelt_size(d_, p.limit));
@@ -742,9 +767,12 @@ private:
         if (leaf.type == L_RED) add_red(t, leaf.param.red);
         if (leaf.type == L_TBF) {
             tbf_leaf_param &p = leaf.param.tbf;
-            put(t, "rate", spelt_rate(d_, p.rate = d_.number(1, most)));
-            put(t, "burst", spelt_size(d_, p.burst = d_.number(1514, most)));
-            put(t, "latency", spelt_time(d_, p.latency = d_.number(1, most)));
+            put(t, "rate", spelt_rate(d_, p.rate = d_.number(1, 30000000)));
+            put(t, "burst",
+                spelt_size(d_, p.burst = d_.number(1514, std::min(sent(p.rate), 1000000000U))));
+            const double longest = (4294967295.0 - p.burst) / (p.rate * 0.125);
+            const u32 latest = longest < most ? static_cast<u32>(longest) : most;
+            put(t, "latency", spelt_time(d_, p.latency = d_.number(1, std::max(latest, 1U))));
         }
         entry.tables.push_back(t);
         EXPECT_EQ(0, add_leaf_qdisc(name_.c_str(), handle, &leaf));
