@@ -134,7 +134,7 @@ std::string harmless(std::string_view text)
 {
     std::string out(text);
     std::replace_if(
-        out.begin(), out.end(), [](char c) { return (c >= 0 && c < ' ') || c == 0x7f; }, '?');
+        out.begin(), out.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }, '?');
     return out;
 }
 
