@@ -15,6 +15,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <nlohmann/json.hpp>
 #include <optional>
 
 #include "list_range.h"
@@ -37,6 +38,8 @@ public:
         if (::tcgetattr(STDIN_FILENO, &before_) == 0) {
             termios keys = before_;
             keys.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+            // A program that is suspended or dumps core would leave the picture behind.
+            keys.c_cc[VSUSP] = keys.c_cc[VQUIT] = _POSIX_VDISABLE;
             keys_ = ::tcsetattr(STDIN_FILENO, TCSANOW, &keys) == 0;
         }
         std::fputs("\033[?1049h\033[?25l", stdout);
@@ -109,13 +112,21 @@ string peak_of(const std::vector<u64> &list)
     return measured_rate(static_cast<double>(most) * 8);
 }
 
+// The monitor keeps the last rates of an interface that has gone.
+bool is_gone(const string &name) { return ::if_nametoindex(name.c_str()) == 0; }
+
 std::vector<string> picture(const watch_options &o, const look &how)
 {
     std::vector<string> rows = {format("every %us; q quits", o.interval), ""};
     const std::size_t cells =
         std::min<std::size_t>(screen::width() > 50 ? screen::width() - 48 : 8, 120);
     for (const rates &r : histories()) {
-        rows.push_back(how.colour ? "\033[1m" + r.name + "\033[0m" : r.name);
+        const string name = harmless(r.name);
+        rows.push_back(how.colour ? "\033[1m" + name + "\033[0m" : name);
+        if (is_gone(r.name)) {
+            rows.insert(rows.end(), {"  gone", ""});
+            continue;
+        }
         for (const auto &[what, list] : {std::pair{"in", &r.rx}, std::pair{"out", &r.tx}})
             rows.push_back(format("  %-4s %10s  peak %10s  ", what, rate_of(*list).c_str(),
                                   peak_of(*list).c_str()) +
@@ -127,14 +138,15 @@ std::vector<string> picture(const watch_options &o, const look &how)
 
 void print_lines(const watch_options &o)
 {
+    using json = nlohmann::ordered_json;
     for (const rates &r : histories()) {
-        if (r.rx.empty()) continue;
+        if (r.rx.empty() || is_gone(r.name)) continue;
+        const json one = {
+            {"name", r.name}, {"in_bit", r.rx.back() * 8}, {"out_bit", r.tx.back() * 8}};
         if (o.json)
-            std::printf("{\"name\": \"%s\", \"in_bit\": %s, \"out_bit\": %s}\n", r.name.c_str(),
-                        std::to_string(r.rx.back() * 8).c_str(),
-                        std::to_string(r.tx.back() * 8).c_str());
+            std::puts(one.dump(-1, ' ', false, json::error_handler_t::replace).c_str());
         else
-            std::printf("%s in %s out %s\n", r.name.c_str(), rate_of(r.rx).c_str(),
+            std::printf("%s in %s out %s\n", harmless(r.name).c_str(), rate_of(r.rx).c_str(),
                         rate_of(r.tx).c_str());
     }
 }
@@ -146,8 +158,9 @@ bool wait_until(clock::time_point until, bool keys)
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(until - clock::now()).count();
         if (left <= 0) return false;
+        // In slices: a signal in front of poll does not interrupt it.
         pollfd in{keys ? STDIN_FILENO : -1, POLLIN, 0};
-        if (::poll(&in, 1, static_cast<int>(left)) <= 0) continue;
+        if (::poll(&in, 1, static_cast<int>(std::min<decltype(left)>(left, 200))) <= 0) continue;
         char key = 0;
         if (::read(STDIN_FILENO, &key, 1) <= 0)
             keys = false;  // the terminal is gone
@@ -169,6 +182,14 @@ bool start_monitor(const watch_options &o)
     return false;
 }
 
+// A reader of the output who has enough is no failure.
+int ended_by(int error)
+{
+    if (error == EPIPE) return 0;
+    std::fprintf(stderr, "mordel: cannot write: %s\n", std::strerror(error));
+    return 1;
+}
+
 // As often as asked, or until the user or the reader of the output has enough
 int show_samples(const watch_options &o, const look &how, bool terminal)
 {
@@ -179,16 +200,20 @@ int show_samples(const watch_options &o, const look &how, bool terminal)
     auto next = clock::now() + std::chrono::milliseconds(100);
     if (drawing) screen::draw(picture(o, how));
     for (unsigned shown = 0; o.count == 0 || shown < o.count; ++shown) {
-        if (std::fflush(stdout) != 0) return errno == EPIPE ? 0 : 1;
+        if (std::fflush(stdout) != 0) return ended_by(errno);
         next += std::chrono::seconds(o.interval);
         if (wait_until(next, keys)) break;
+        if (std::all_of(o.names.begin(), o.names.end(), is_gone)) {
+            drawing.reset();
+            std::fprintf(stderr, "mordel: nothing is left to watch\n");
+            return 1;
+        }
         if (drawing)
             screen::draw(picture(o, how));
         else
             print_lines(o);
     }
-    if (std::fflush(stdout) != 0 && errno != EPIPE) return 1;
-    return 0;
+    return std::fflush(stdout) == 0 ? 0 : ended_by(errno);
 }
 
 }  // namespace
@@ -215,12 +240,13 @@ int watch(const watch_options &o, const look &how)
 {
     for (const string &name : o.names) {
         if (::if_nametoindex(name.c_str()) != 0) continue;
-        std::fprintf(stderr, "mordel: there is no interface %s\n", quoted(name).c_str());
+        std::fprintf(stderr, "mordel: there is no interface %s\n", tool::quoted(name).c_str());
         return 1;
     }
     struct sigaction action {};
     action.sa_handler = on_signal;
-    for (const int number : {SIGINT, SIGTERM, SIGHUP}) (void)::sigaction(number, &action, nullptr);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2, SIGALRM})
+        (void)::sigaction(number, &action, nullptr);
     (void)std::signal(SIGPIPE, SIG_IGN);
     if (!start_monitor(o)) return 1;
     const bool terminal = !o.json && ::isatty(STDOUT_FILENO) == 1;

@@ -41,7 +41,7 @@ sender=$!
 [ "$(grep -cE '^right in [1-9][0-9.]*kbit out 0bit$' "$work/lines")" = 3 ] || fail "$(cat "$work/lines")"
 
 "${mordel[@]}" watch --count 1 --json left >"$work/json"
-grep -qE '^\{"name": "left", "in_bit": 0, "out_bit": [1-9][0-9]+\}$' "$work/json" || fail "$(cat "$work/json")"
+grep -qE '^\{"name":"left","in_bit":0,"out_bit":[1-9][0-9]+\}$' "$work/json" || fail "$(cat "$work/json")"
 
 # What a reader of the output leaves unread is no failure.
 "${mordel[@]}" watch left | head -n 1 >"$work/one"
@@ -72,3 +72,14 @@ done
 grep -q '^status 0$' "$work/after" || fail "q did not quit: $(cat "$work/after")"
 if grep -q 'q quits' "$work/after"; then fail "the picture stayed on the terminal"; fi
 [ -z "$(ipcs -s | grep -E '^0x' || :)" ] || fail "a semaphore is left: $(ipcs -s)"
+
+# An interface that goes is watched no more.
+"${mordel[@]}" watch left >"$work/lines" 2>"$work/said" &
+watcher=$!
+sleep 3
+kill "$sender"
+ip link del left
+status=0
+wait "$watcher" || status=$?
+[ "$status" = 1 ] || fail "status $status after the interface has gone"
+grep -q 'nothing is left to watch' "$work/said" || fail "$(cat "$work/said")"
