@@ -33,6 +33,7 @@ using lines = std::vector<string>;
 using scope = difference::scope;
 
 constexpr char start_script[] = "/var/tmp/qos_start";
+constexpr unsigned script_seconds = 600;  // what a script of thousands of lines takes, and more
 
 // A command of the start script, and where it stands there
 struct command {
@@ -144,22 +145,24 @@ public:
         if (kernel && kernel->root() != nullptr)
             plan_.commands.push_back({"qdisc del dev " + name_ + " root"});
         // Rules outlive their interface.
-        const auto present = chains_.list(why);
+        const auto present = list_rules(why);
         if (!present) return fail(why);
         list_commands(present->empty() ? lines{} : lines_of(rule_chains::removal_input(*present)));
         if (out_.commands.empty()) {
             if (gone && !read_state(name_, "start")) return fail(no_interface);
-            remove_state_unless_dry();
+            if (!options_.dry_run) remove_state(name_);
             return out_;
         }
         out_.result = outcome::kind::stopped;
         if (options_.dry_run) return out_;
-        if (!run_tc() || !chains_.remove(why)) {
-            if (out_.error.empty()) out_.error = why;
+        // One half that fails is no reason to leave the other.
+        const bool no_tree = run_tc();
+        const bool no_rules = chains_.remove(why);
+        if (!no_rules) out_.error += (out_.error.empty() ? "" : "; ") + why;
+        if (!no_tree || !no_rules)
             out_.result = outcome::kind::failed;
-            return out_;
-        }
-        remove_state_unless_dry();
+        else
+            remove_state(name_);
         return out_;
     }
 
@@ -186,6 +189,10 @@ private:
         }
         out_.result = plan_.whole || set_queue_ ? outcome::kind::built : outcome::kind::changed;
         if (options_.dry_run) return;
+        if (!plan_.commands.empty() && !is_on_path("tc")) {
+            fail("tc is missing");
+            return;
+        }
         if (!run_tc() || !load_rules() || !queue_is_set() || !verify()) {
             // The script takes no batch form, but the same tools.
             if (restore_missing_ && is_on_path("iptables"))
@@ -202,12 +209,24 @@ private:
         std::vector<difference> found = compare(iface_, kernel);
         add_remembered(found);
         if (found.empty()) return;
-        const bool mendable = std::all_of(
-            found.begin(), found.end(), [](const difference &d) { return d.what != scope::tree; });
+        const bool mendable = !is_misplaced(kernel) &&
+                              std::all_of(found.begin(), found.end(), [](const difference &d) {
+                                  return d.what != scope::tree;
+                              });
         if (mendable && iface_.root_type != R_pfifo_fast)
             plan_changes(found, kernel);
         else
             plan_whole(kernel);
+    }
+
+    // Whether a leaf that is wanted here hangs on another class: no change moves it.
+    bool is_misplaced(const live_tree &kernel) const
+    {
+        return std::any_of(kernel.qdiscs.begin(), kernel.qdiscs.end(), [&](const live_qdisc &q) {
+            const u32 handle = q.handle >> 20;
+            return q.handle != 0 && q.handle == handle << 20 && wanted_.leaves.contains(handle) &&
+                   q.parent != (0x10000 | handle);
+        });
     }
 
     // The kernel does not tell all that it was given. Where the script that was applied last says
@@ -283,16 +302,30 @@ private:
         return true;
     }
 
+    // What the mangle table holds; nothing, with a note, for a dry run by somebody who may not ask.
+    std::optional<lines> list_rules(string &why)
+    {
+        if (!options_.dry_run || ::geteuid() == 0) return chains_.list(why);
+        out_.notes.emplace_back("rules not looked at: that takes root");
+        return lines{};
+    }
+
     bool plan_careful_rules(string &why)
     {
         optimistic_ = false;
-        const auto present = chains_.list(why);
+        const auto present = list_rules(why);
         if (!present) return false;
         const lines texts = wanted_.rule_texts();
         rule_input_ = chains_.load_input(texts, &*present);
         if (present->empty()) return true;
         const auto expected = chains_.expected(texts);
-        if (expected && *expected == *present) rule_input_.clear();
+        // Without a namespace to try them in: what was there when the same was applied last
+        remember_rules_ = !expected;
+        const auto remembered = read_state(name_, "rules");
+        const bool same_script = read_state(name_, "start") == script_;
+        if (expected ? *expected == *present
+                     : same_script && remembered && lines_of(*remembered) == *present)
+            rule_input_.clear();
         return true;
     }
 
@@ -316,10 +349,6 @@ private:
         for (const command &c : plan_.commands) input += c.text + "\n";
         const run_result tc = run({"tc", "-batch", "-"}, input);
         if (tc.ok()) return true;
-        if (tc.missing) {
-            out_.error = "tc is missing";
-            return false;
-        }
         // "Command failed -:12"
         const std::size_t at = tc.err.rfind("Command failed -:");
         const std::size_t number =
@@ -335,8 +364,13 @@ private:
         if (rule_input_.empty()) return true;
         run_result loaded = chains_.restore(rule_input_);
         string why;
-        if (!loaded.ok() && !loaded.missing && optimistic_ && plan_careful_rules(why))
-            loaded = chains_.restore(rule_input_);
+        constexpr int busy = 4;  // its exit status when somebody else kept the lock
+        if (!loaded.ok() && !loaded.missing && loaded.status != busy && optimistic_ &&
+            plan_careful_rules(why)) {
+            list_commands(lines_of(rule_input_));
+            if (!rule_input_.empty()) loaded = chains_.restore(rule_input_);
+            if (rule_input_.empty()) return true;
+        }
         if (loaded.ok()) return true;
         restore_missing_ = loaded.missing;
         if (loaded.missing) {
@@ -417,30 +451,28 @@ private:
     {
         out_.notes.push_back(out_.error + ": ran the script instead");
         out_.error.clear();
-        apply_script();
+        apply_script(true);
     }
 
-    void apply_script()
+    // begun: there is something to take back.
+    void apply_script(bool begun = false)
     {
+        const auto give_up = [&](const string &error) {
+            fail(error);
+            if (begun) roll_back();
+        };
         out_.by_script = true;
         out_.result = outcome::kind::built;
         out_.commands = {start_script};
         out_.tc_commands = 0;
         if (options_.dry_run) return;
         string why;
-        if (!read_kernel(name_, why)) {
-            fail(why);
-            return;
-        }
-        if (start_qos(name_.c_str()) != 1) {
-            fail(format("cannot write %s", start_script));
-            return;
-        }
-        const run_result result = run({start_script});
-        if (result.missing) {
-            fail(format("cannot run %s", start_script));
-            return;
-        }
+        if (!is_on_path("tc")) return give_up("tc is missing");
+        // The script's own iptables calls wait without an end: not before the lock was free.
+        if (!read_kernel(name_, why) || !chains_.list(why)) return give_up(why);
+        if (start_qos(name_.c_str()) != 1) return give_up(format("cannot write %s", start_script));
+        const run_result result = run({start_script}, "", script_seconds);
+        if (result.missing) return give_up(format("cannot run %s", start_script));
         if (!verify() || !rules_are_there(why)) {
             if (out_.error.empty()) out_.error = why;
             if (!result.err.empty()) out_.error += "; it said: " + brief(result.err);
@@ -480,7 +512,8 @@ private:
         const auto kernel = read_kernel(name_, why);
         bool clean = kernel.has_value();
         if (kernel && kernel->root() != nullptr) {
-            (void)run({"tc", "qdisc", "del", "dev", name_, "root"});
+            const run_result tc = run({"tc", "qdisc", "del", "dev", name_, "root"});
+            why = "tc: " + brief(tc.err);
             const auto after = read_kernel(name_, why);
             clean = after && after->root() == nullptr;
         }
@@ -493,14 +526,16 @@ private:
 
     void keep_state()
     {
-        if (!write_state(name_, "start", script_) || !write_state(name_, "toml", policy_text_))
-            out_.notes.push_back(
-                format("cannot write to %s: status will not know the policy", state_folder));
-    }
-
-    void remove_state_unless_dry()
-    {
-        if (!options_.dry_run) remove_state(name_);
+        string rules;
+        string why;
+        if (remember_rules_)
+            for (const string &line : chains_.list(why).value_or(lines{})) rules += line + "\n";
+        if (write_state(name_, "start", script_) && write_state(name_, "toml", policy_text_) &&
+            (rules.empty() || write_state(name_, "rules", rules)))
+            return;
+        remove_state(name_);  // an old one would be believed
+        out_.notes.push_back(
+            format("cannot write to %s: status will not know the policy", state_folder));
     }
 
     const policy_interface &iface_;
@@ -514,6 +549,7 @@ private:
     tree_plan plan_;
     string rule_input_;        // "": the rules are there
     bool optimistic_ = false;  // it takes it that no chain is there
+    bool remember_rules_ = false;
     bool set_queue_ = false;
     bool restore_missing_ = false;
     outcome out_;

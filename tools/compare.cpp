@@ -48,6 +48,15 @@ live_curve curve_of(const hfsc_curve &c)
 // The kernel's curves are fixed-point numbers, which costs the last digits.
 bool near_number(u32 a, u32 b) { return std::abs(double(a) - double(b)) <= 2 + b * 1e-4; }
 
+// The same delay as tc counts it: umax * 1000000 in 32 bits
+u32 wrapped_delay(const hfsc_curve &c)
+{
+    const u64 rate = bytes_per_second(c.rate);
+    if (rate == 0) return 0;
+    const u32 product = c.umax * 1000000U;
+    return c.dmax * 1000 - static_cast<u32>(product / rate);
+}
+
 class comparer {
 public:
     comparer(const policy_interface &iface, const live_tree &kernel)
@@ -167,7 +176,8 @@ private:
             return;
         }
         if (!present) return;
-        const live_curve curve = curve_of(*wanted);
+        live_curve curve = curve_of(*wanted);
+        if (near_number(seen->d, wrapped_delay(*wanted))) curve.d = seen->d;
         if (!near_number(seen->m1, curve.m1) || !near_number(seen->d, curve.d) ||
             !near_number(seen->m2, curve.m2))
             add(scope::class_parameters, c.handle,
@@ -225,6 +235,7 @@ private:
             compare_number(c, "min", seen.min, c.leaf.param.red.min);
             compare_number(c, "max", seen.max, c.leaf.param.red.max);
             compare_number(c, "limit", seen.limit, c.leaf.param.red.limit);
+            compare_number(c, "ewma", seen.wlog, red_wlog(c.leaf.param.red));
             break;
         default: {
             const tbf_leaf_param &tbf = c.leaf.param.tbf;
@@ -250,7 +261,9 @@ private:
     void compare_filters()
     {
         std::map<u32, u32> seen;
-        for (const live_filter &f : kernel_.filters) seen[f.mark] = f.id;
+        for (const live_filter &f : kernel_.filters)
+            if (!f.plain || !seen.emplace(f.mark, f.id).second)
+                add(scope::tree, 0, "a filter on the root is not in the policy");
         std::set<u32> wanted;
         for (const tree_class &c : tree_) {
             if (c.has_children) continue;

@@ -17,8 +17,8 @@ struct difference {
 };
 
 // Empty: the kernel holds what the policy says, as far as it can be read back. What the policy
-// leaves to tc or the kernel, and what the kernel does not tell (RED's burst and avpkt), is not
-// compared.
+// leaves to tc or the kernel is not compared; of RED's burst and avpkt the kernel tells what they
+// come to.
 std::vector<difference> compare(const policy_interface &iface, const live_tree &kernel);
 
 }  // namespace tool

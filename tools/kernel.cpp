@@ -1,6 +1,8 @@
 #include "kernel.h"
 
+#include <arpa/inet.h>
 #include <linux/gen_stats.h>
+#include <linux/if_ether.h>
 #include <linux/pkt_sched.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
@@ -178,6 +180,7 @@ void parse_options(live_qdisc &q, const attribute &options)
             q.limit = red.limit;
             q.min = red.qth_min;
             q.max = red.qth_max;
+            q.wlog = red.Wlog;
         });
     } else if (q.kind == "tbf") {
         parse_tbf(q, options.value);
@@ -199,18 +202,26 @@ live_qdisc parse_qdisc(const tcmsg &head, std::span<const char> attributes)
     return q;
 }
 
+// None for what stands for a whole list of filters
 std::optional<live_filter> parse_filter(const tcmsg &head, std::span<const char> attributes)
 {
-    live_filter f{head.tcm_handle, 0};
+    constexpr u32 script_priority = 50;
+    live_filter f{head.tcm_handle, 0, false};
     bool fw = false;
+    bool more = false;
     each_attribute(attributes, [&](const attribute &a) {
         if (a.type == TCA_KIND) fw = a.text() == "fw";
         if (a.type != TCA_OPTIONS) return;
         each_attribute(a.value, [&](const attribute &option) {
-            if (option.type == fw_classid) f.id = option.as<u32>();
+            if (option.type == fw_classid)
+                f.id = option.as<u32>();
+            else
+                more = true;
         });
     });
-    if (!fw || f.mark == 0) return std::nullopt;
+    if (f.mark == 0) return fw ? std::nullopt : std::optional(f);
+    f.plain = fw && !more && head.tcm_info >> 16 == script_priority &&
+              (head.tcm_info & 0xffff) == htons(ETH_P_IP);
     return f;
 }
 
@@ -269,11 +280,12 @@ private:
     bool message(const nlmsghdr &head, std::span<const char> body, const receiver &each)
     {
         if (head.nlmsg_type == NLMSG_DONE) ended_ = true;
-        if (head.nlmsg_type == NLMSG_ERROR) {
+        // The end of a dump that broke off carries an error too.
+        if (head.nlmsg_type == NLMSG_ERROR || head.nlmsg_type == NLMSG_DONE) {
             int error = 0;
             std::memcpy(&error, body.data(), std::min(sizeof error, body.size()));
             errno = -error;
-            return false;
+            if (error < 0) return false;
         }
         if (head.nlmsg_type == NLMSG_DONE || body.size() < sizeof(tcmsg)) return true;
         tcmsg tc{};

@@ -48,21 +48,24 @@ struct live_qdisc {
     u32 perturb = 0;
     u32 min = 0;
     u32 max = 0;
+    u32 wlog = 0;      // RED: the weight of its average is 1/2^wlog
     u64 rate = 0;      // TBF: bytes/s
     double burst = 0;  // TBF: bytes
     live_stats stats;
 };
 
+// A filter on the root qdisc
 struct live_filter {
     u32 mark = 0;
-    u32 id = 0;  // of the class
+    u32 id = 0;          // of the class
+    bool plain = false;  // fw, for IP, of the scripts' priority, and nothing but mark and class
 };
 
 struct live_tree {
     std::vector<live_qdisc> qdiscs;
-    std::vector<live_class> classes;   // those of the root qdisc
-    std::vector<live_filter> filters;  // fw alone
-    u32 queue_len = 0;                 // of the interface, packets
+    std::vector<live_class> classes;  // those of the root qdisc
+    std::vector<live_filter> filters;
+    u32 queue_len = 0;  // of the interface, packets
 
     const live_qdisc *root() const;  // that somebody put there; null: the kernel's default
     const live_qdisc *leaf_of(u32 id) const;

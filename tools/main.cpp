@@ -1,4 +1,5 @@
 // The command line of mordel.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -362,10 +363,14 @@ CLI::App *add_command(CLI::App &app, options &o, const char *name, const char *d
     return command;
 }
 
+// A variable that was not set in a script must not mean all interfaces.
+string not_empty(const string &text) { return text.empty() ? "an empty name" : ""; }
+
 void add_interface(CLI::App *command, options &o)
 {
     command->add_option("--interface", o.interface, "This interface of the policy alone")
-        ->type_name("NAME");
+        ->type_name("NAME")
+        ->check(not_empty);
 }
 
 void add_json(CLI::App *command, options &o)
@@ -435,12 +440,18 @@ void add_status(CLI::App &app, options &o)
 {
     CLI::App *c = app.add_subcommand("status", "Show the kernel's live classes beside the policy");
     c->add_option("NAME", o.interface, "An interface; else all that a policy was applied to")
-        ->type_name("");
+        ->type_name("")
+        ->check(not_empty);
     c->add_option("--policy", o.file, "Beside this policy, not the one applied last")
         ->type_name("FILE");
     c->add_option("--interval", o.seconds, "Seconds over which rates are taken (1)")
         ->type_name("SECONDS")
-        ->check(CLI::Range(0.1, 60.0));
+        ->check([](const string &text) -> string {
+            const auto seconds = split_quantity(text);
+            const bool good =
+                seconds && seconds->unit.empty() && seconds->value >= 0.1 && seconds->value <= 60;
+            return good ? "" : "an interval is 0.1 to 60 seconds";
+        });
     add_kernel(c, o);
     add_json(c, o);
     c->footer("Examples:\n  mordel status\n  mordel status eth0 --json\n");
@@ -453,7 +464,9 @@ void add_watch(CLI::App &app, options &o)
     c->add_option("--interval", o.watch.interval, "Seconds between samples (1)")
         ->type_name("SECONDS")
         ->check(CLI::Range(1U, 255U));
-    c->add_option("--count", o.watch.count, "End after so many samples")->type_name("N");
+    c->add_option("--count", o.watch.count, "End after so many samples")
+        ->type_name("N")
+        ->check(CLI::Range(1U, 4294967295U));
     c->add_flag("--json", o.watch.json, "As JSON, an object a line");
     c->footer("Examples:\n  mordel watch eth0 wlan0\n  mordel watch --count 10 eth0\n");
 }
@@ -485,6 +498,9 @@ const command *find_command(const string &name)
 
 int main(int argc, char **argv)
 try {
+    // A file of ours must not become the output that somebody has closed.
+    for (int fd = 0; fd < 3; ++fd)
+        if (::fcntl(fd, F_GETFD) < 0) (void)::open("/dev/null", O_RDONLY);
     options o;
     CLI::App app("Shapes a router's interfaces by a policy file.", "mordel");
     app.require_subcommand(1);
@@ -493,6 +509,10 @@ try {
                "mordel COMMAND --help tells of each command.");
     // The options of a command take some time to set up: only those of the one that is asked for.
     const command *asked = argc > 1 ? find_command(argv[1]) : nullptr;
+    if (asked == nullptr && argc > 1 && argv[1][0] != '-') {
+        complain("no command is called " + tool::quoted(argv[1]) + "; mordel --help names them");
+        return refused;
+    }
     for (const command &c : commands)
         if (asked == nullptr || asked == &c) c.add(app, o);
     try {

@@ -7,25 +7,14 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <memory>
+#include <thread>
 
 namespace tool {
 namespace {
-
-struct closer {
-    void operator()(FILE *stream) const { (void)std::fclose(stream); }
-};
-// Files without a name, not pipes: nobody has to read while somebody writes. Older kernels have
-// none in memory.
-using temporary = std::unique_ptr<FILE, closer>;
-
-temporary make_temporary()
-{
-    const int fd = ::memfd_create("mordel", MFD_CLOEXEC);
-    return temporary(fd >= 0 ? ::fdopen(fd, "w+e") : std::tmpfile());
-}
 
 std::string contents(FILE *stream)
 {
@@ -48,22 +37,37 @@ bool fill(FILE *stream, const std::string &text)
            std::fflush(stream) == 0 && ::lseek(::fileno(stream), 0, SEEK_SET) == 0;
 }
 
-int wait_for(pid_t child)
+// The exit status. A process group of its own is killed after so many seconds, if not 0.
+int wait_for(pid_t child, unsigned seconds)
 {
     int status = 0;
-    while (::waitpid(child, &status, 0) < 0)
-        if (errno != EINTR) return 127;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    for (;;) {
+        const pid_t ended = ::waitpid(child, &status, seconds == 0 ? 0 : WNOHANG);
+        if (ended == child) break;
+        if (ended < 0 && errno != EINTR) return 127;
+        if (ended != 0) continue;
+        if (std::chrono::steady_clock::now() >= end) (void)::kill(-child, SIGKILL);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
 }  // namespace
 
-run_result run(const std::vector<std::string> &command, const std::string &input)
+std::unique_ptr<FILE, stream_closer> make_temporary()
+{
+    // Older kernels have none in memory.
+    const int fd = ::memfd_create("mordel", MFD_CLOEXEC);
+    return std::unique_ptr<FILE, stream_closer>(fd >= 0 ? ::fdopen(fd, "w+e") : std::tmpfile());
+}
+
+run_result run(const std::vector<std::string> &command, const std::string &input, unsigned seconds)
 {
     run_result result;
-    const temporary in = make_temporary();
-    const temporary out = make_temporary();
-    const temporary err = make_temporary();
+    const auto in = make_temporary();
+    const auto out = make_temporary();
+    const auto err = make_temporary();
     if (!in || !out || !err || !fill(in.get(), input)) {
         result.missing = true;
         result.err = "no room for a temporary file";
@@ -79,15 +83,19 @@ run_result run(const std::vector<std::string> &command, const std::string &input
     posix_spawn_file_actions_adddup2(&actions, ::fileno(in.get()), STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, ::fileno(out.get()), STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, ::fileno(err.get()), STDERR_FILENO);
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    if (seconds != 0) posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
     pid_t child = 0;
     const int failure =
-        ::posix_spawnp(&child, argv.front(), &actions, nullptr, argv.data(), environ);
+        ::posix_spawnp(&child, argv.front(), &actions, &attributes, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
     if (failure != 0) {
         result.missing = true;
         return result;
     }
-    result.status = wait_for(child);
+    result.status = wait_for(child, seconds);
     result.out = contents(out.get());
     result.err = contents(err.get());
     return result;

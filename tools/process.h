@@ -1,6 +1,8 @@
 // Other programs, run without a shell.
 #pragma once
 
+#include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,7 +17,15 @@ struct run_result {
 };
 
 // Runs a program, found on the PATH, with a text as its standard input, and waits for its end.
-run_result run(const std::vector<std::string> &command, const std::string &input = "");
+// After so many seconds, if not 0, it is killed with all that it has started.
+run_result run(const std::vector<std::string> &command, const std::string &input = "",
+               unsigned seconds = 0);
+
+struct stream_closer {
+    void operator()(FILE *stream) const { (void)std::fclose(stream); }
+};
+// A file without a name, in memory where the kernel can; null when there is no room.
+std::unique_ptr<FILE, stream_closer> make_temporary();
 
 // While one lives, the signals that a terminal or a supervisor ends a program with wait: what was
 // begun is finished, or taken back, first. What is run inherits that.

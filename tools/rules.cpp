@@ -10,7 +10,6 @@
 #include <memory>
 #include <sstream>
 
-#include "guards.h"
 #include "text.h"
 
 namespace tool {
@@ -36,7 +35,7 @@ lines words_of(const string &command)
 // returns; none when there can be no such namespace, or the body gives none.
 std::optional<string> in_own_namespace(const std::function<std::optional<string>()> &body)
 {
-    const mordel::stream_guard answer(std::tmpfile());
+    const auto answer = make_temporary();
     if (!answer) return std::nullopt;
     const pid_t child = ::fork();
     if (child < 0) return std::nullopt;

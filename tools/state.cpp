@@ -35,8 +35,12 @@ std::string make_state_folder()
 
 std::optional<std::string> read_state(const std::string &ifname, const char *kind)
 {
-    const mordel::stream_guard in(std::fopen(path_of(ifname, kind).c_str(), "re"));
-    if (!in) return std::nullopt;
+    // A pipe that lies there must not hold us up.
+    const int fd = ::open(path_of(ifname, kind).c_str(),
+                          O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
+    const mordel::stream_guard in(fd < 0 ? nullptr : ::fdopen(fd, "r"));
+    struct stat st {};
+    if (!in || ::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
     std::string text;
     for (int c = 0; (c = std::fgetc(in.get())) != EOF;) text += static_cast<char>(c);
     return text;
@@ -58,8 +62,8 @@ bool write_state(const std::string &ifname, const char *kind, const std::string 
 
 void remove_state(const std::string &ifname)
 {
-    (void)::unlink(path_of(ifname, "toml").c_str());
-    (void)::unlink(path_of(ifname, "start").c_str());
+    for (const char *kind : {"toml", "start", "rules"})
+        (void)::unlink(path_of(ifname, kind).c_str());
 }
 
 std::vector<std::string> state_names()

@@ -12,7 +12,7 @@ inline constexpr char state_folder[] = "/var/run/mordel";
 // Makes the folder where it is missing; "" or why it cannot be had.
 std::string make_state_folder();
 
-// kind: "toml" or "start"
+// kind: "toml", "start" or "rules"
 std::optional<std::string> read_state(const std::string &ifname, const char *kind);
 bool write_state(const std::string &ifname, const char *kind, const std::string &text);
 void remove_state(const std::string &ifname);

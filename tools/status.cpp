@@ -105,7 +105,7 @@ string status_text(const interface_status &s, const look &how)
     const char *bold = how.colour ? "\033[1m" : "";
     const char *red = how.colour ? "\033[31m" : "";
     const char *plain = how.colour ? "\033[0m" : "";
-    string out = format("%s%s%s  %s\n", bold, s.name.c_str(), plain, headline(s).c_str());
+    string out = format("%s%s%s  %s\n", bold, harmless(s.name).c_str(), plain, headline(s).c_str());
     for (const string &d : s.differences) out += format("  %s%s%s\n", red, d.c_str(), plain);
     for (const string &n : s.notes) out += "  (" + n + ")\n";
     if (s.classes.empty()) return out;
@@ -140,7 +140,7 @@ string status_json(const std::vector<interface_status> &all)
                                       {"backlog_packets", c.stats.waiting}});
         out["interfaces"].push_back(one);
     }
-    return out.dump(2) + "\n";
+    return out.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace tool

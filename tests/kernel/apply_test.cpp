@@ -752,6 +752,17 @@ TEST(Drift, OfAPersonIsMendedByTheNextApply)
          true},
         {"filters gone", "tc filter del dev @ parent 1:0", true, true},
         {"class more", "tc class add dev @ parent 1:1 classid 1:99 htb rate 1mbit", true, true},
+        {"another's filter",
+         "tc filter add dev @ parent 1:0 protocol ip prio 1 u32 match u32 0 0 flowid 1:3", true,
+         true},
+        {"a second filter for a mark",
+         "tc filter add dev @ parent 1:0 protocol ip prio 1 handle 0x10 fw classid 1:3", true,
+         true},
+        {"leaves swapped",
+         "tc qdisc del dev @ parent 1:10; tc qdisc del dev @ parent 1:3;"
+         "tc qdisc add dev @ parent 1:10 handle 30: pfifo limit 50;"
+         "tc qdisc add dev @ parent 1:3 handle 100: pfifo",
+         true, true},
         {"root gone", "tc qdisc del dev @ root", true, true},
         {"other root", "tc qdisc del dev @ root; tc qdisc add dev @ root handle 1: prio", true,
          true},
@@ -777,6 +788,19 @@ TEST(Drift, OfAPersonIsMendedByTheNextApply)
         if (testing::Test::HasFailure()) (void)apply(text);
     }
     EXPECT_EQ("unchanged", apply(text)["result"]);
+}
+
+// Without a memory of what was applied, the kernel's own numbers tell.
+TEST(Drift, OfARedBurstIsSeenWithoutTheState)
+{
+    const string q = fresh_interface();
+    const string text = for_interface(htb_policy, q);
+    EXPECT_EQ("built", apply(text)["result"]);
+    fs::remove("/var/run/mordel/" + q + ".start");
+    const string other = replaced(text, "burst = 25", "burst = 60");
+    ASSERT_NE(text, other);
+    EXPECT_EQ("changed", apply(other)["result"]);
+    EXPECT_EQ("unchanged", apply(other)["result"]);
 }
 
 TEST(Structure, ChangesRebuildTheTree)
@@ -1079,6 +1103,17 @@ TEST(Lock, NoWaitIsNoWait)
     expect_default(q);
 }
 
+TEST(Lock, OfIptablesThatStaysHeldIsNotTheScriptsToWaitFor)
+{
+    const string q = fresh_interface();
+    held_lock lock(iptables_lock);
+    const result r =
+        mordel({"apply", "--script", "--wait", "1", policy_file(for_interface(htb_policy, q))});
+    EXPECT_EQ(1, r.status) << r.err;
+    lock.release();
+    expect_default(q);
+}
+
 TEST(Signal, FinishesWhatItBegan)
 {
     const string reference = fresh_interface();
@@ -1151,6 +1186,47 @@ TEST(MissingTool, FallsBackToTheScriptOrFailsWhole)
             expect_default(q);
         }
     }
+}
+
+TEST(MissingTool, OfTheTreeLeavesTheRules)
+{
+    const string q = fresh_interface();
+    const string text = for_interface(htb_policy, q);
+    EXPECT_EQ("built", apply(text)["result"]);
+    const string whole = state_of(q);
+    const result r = mordel({"apply", policy_file(replaced(text, "2mbit", "3mbit"))},
+                            only({"iptables", "iptables-restore"}));
+    EXPECT_EQ(1, r.status);
+    EXPECT_TRUE(has(r.err, "tc is missing")) << r.err;
+    EXPECT_EQ(whole, state_of(q));
+    EXPECT_EQ("unchanged", apply(text)["result"]);
+}
+
+TEST(MissingTool, AndAScriptThatCannotRun)
+{
+    const string q = fresh_interface();
+    by_hand("mount -t tmpfs -o noexec tmpfs /var/tmp");
+    const result r =
+        mordel({"apply", policy_file(for_interface(htb_policy, q))}, only({"tc", "iptables"}));
+    by_hand("umount /var/tmp");
+    EXPECT_EQ(1, r.status);
+    EXPECT_TRUE(has(r.err, "cannot run /var/tmp/qos_start")) << r.err;
+    expect_default(q);
+}
+
+// A kernel without network namespaces gives nothing to try the rules in.
+TEST(MissingNamespaces, AreMadeUpForByMemory)
+{
+    const string q = fresh_interface();
+    const string text = for_interface(htb_policy, q);
+    by_hand("echo 0 > /proc/sys/user/max_net_namespaces");
+    EXPECT_EQ("built", apply(text)["result"]);
+    EXPECT_EQ("changed", apply(text)["result"]);  // loaded once more, and remembered
+    EXPECT_EQ("unchanged", apply(text)["result"]);
+    by_hand("iptables -w -t mangle -D QOS_" + q + " 3");
+    EXPECT_EQ("changed", apply(text)["result"]);
+    EXPECT_EQ("unchanged", apply(text)["result"]);
+    by_hand("echo 1000 > /proc/sys/user/max_net_namespaces");
 }
 
 // What stands stays, or all of it goes.
@@ -1254,6 +1330,24 @@ TEST(Status, OfAnInterfaceThatIsNotThere)
 }
 
 // ---- Names --------------------------------------------------------------------------------------
+
+TEST(Names, ThatAreEmptyAreNotAll)
+{
+    const string q = fresh_interface();
+    const string file = policy_file(for_interface(htb_policy, q));
+    EXPECT_EQ(2, mordel({"apply", "--interface", "", file}).status);
+    EXPECT_EQ(2, mordel({"status", ""}).status);
+    expect_default(q);
+}
+
+TEST(Output, ThatIsClosedIsNoOtherFile)
+{
+    const string q = fresh_interface();
+    const string file = policy_file(for_interface(htb_policy, q));
+    const result r = run({"/bin/sh", "-c", mordel_path + " apply " + file + " >&-"});
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("", file_text("/var/run/mordel/lock"));
+}
 
 TEST(Names, NeverReachAShell)
 {
