@@ -26,8 +26,7 @@ namespace {
 constexpr u32 root_major = 0x10000;  // 1:0
 constexpr unsigned fw_classid = 1;   // the fw filter's attribute
 
-// ---- Attributes
-// ----------------------------------------------------------------------------------
+// ---- Attributes ---------------------------------------------------------------------------------
 
 struct attribute {
     unsigned type;
@@ -97,8 +96,7 @@ double bytes_of(u32 ticks, u64 rate)
     return static_cast<double>(rate) * ticks / per_us / 1e6;
 }
 
-// ---- Classes, qdiscs, filters
-// --------------------------------------------------------------------
+// ---- Classes, qdiscs, filters -------------------------------------------------------------------
 
 void parse_htb_class(live_class &c, std::span<const char> options)
 {
@@ -225,8 +223,7 @@ std::optional<live_filter> parse_filter(const tcmsg &head, std::span<const char>
     return f;
 }
 
-// ---- Dumps
-// ---------------------------------------------------------------------------------------
+// ---- Dumps --------------------------------------------------------------------------------------
 
 using receiver = std::function<void(const tcmsg &, std::span<const char>)>;
 
@@ -252,10 +249,10 @@ public:
         request.body.tcm_ifindex = index_;
         request.body.tcm_parent = parent;
         if (::send(fd_.get(), &request, sizeof request, 0) != ssize_t(sizeof request)) return false;
+        ended_ = false;
         while (!ended_) {
             if (!receive(each)) return false;
         }
-        ended_ = false;
         return true;
     }
 

@@ -43,8 +43,7 @@ struct options {
 
 void complain(const string &what) { std::fprintf(stderr, "mordel: %s\n", what.c_str()); }
 
-// ---- Policies
-// ------------------------------------------------------------------------------------
+// ---- Policies -----------------------------------------------------------------------------------
 
 // The whole of a file, "-" being standard input; none, with errno, when it cannot be read.
 std::optional<string> read_all(const string &path)
@@ -135,8 +134,7 @@ string dumped(const json &value)
     return value.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
-// ---- check, render, show
-// -------------------------------------------------------------------------
+// ---- check, render, show ------------------------------------------------------------------------
 
 int check(const options &o)
 {
@@ -180,8 +178,7 @@ int show(const options &o)
                              : show_tree(l->rules, look_of_stdout()));
 }
 
-// ---- apply, stop
-// ---------------------------------------------------------------------------------
+// ---- apply, stop --------------------------------------------------------------------------------
 
 const char *word_for(const outcome &r)
 {
@@ -284,8 +281,7 @@ int apply_or_stop(const options &o, bool stopping)
         stopping ? stop_policy(l->rules, o.apply) : apply_policy(l->rules, l->text, o.apply), o);
 }
 
-// ---- status
-// --------------------------------------------------------------------------------------
+// ---- status -------------------------------------------------------------------------------------
 
 // One interface, beside the policy that was given, or else the one that was applied last
 std::optional<interface_status> status_of(const string &name, const options &o,
@@ -335,8 +331,7 @@ int status(const options &o)
     return write_out(o.json ? status_json(all) : text, result);
 }
 
-// ---- The command line
-// ----------------------------------------------------------------------------
+// ---- The command line ---------------------------------------------------------------------------
 
 void add_kernel(CLI::App *command, options &o)
 {

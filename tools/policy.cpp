@@ -315,8 +315,7 @@ void store(char (&field)[N], const string &text)
     std::memcpy(field, text.data(), std::min(text.size(), N - 1));
 }
 
-// ---- Schedules
-// -----------------------------------------------------------------------------------
+// ---- Schedules ----------------------------------------------------------------------------------
 
 struct time_of_day {
     u8 hour;
@@ -392,8 +391,7 @@ policy_schedule read_schedule(const toml::table &table, diagnostics &found)
     return out;
 }
 
-// ---- Classes and leaves
-// --------------------------------------------------------------------------
+// ---- Classes and leaves -------------------------------------------------------------------------
 
 places places_of(const toml::table &table)
 {
@@ -539,8 +537,7 @@ policy_class read_class(const toml::table &table, const policy_interface &iface,
     return c;
 }
 
-// ---- Rules
-// ---------------------------------------------------------------------------------------
+// ---- Rules --------------------------------------------------------------------------------------
 
 // A number, or two
 std::optional<range> read_range(table_reader &in, string_view key, u32 least, u32 most)
@@ -864,8 +861,7 @@ policy_rule read_rule(const toml::table &table, diagnostics &found)
     return rule;
 }
 
-// ---- Interfaces
-// ----------------------------------------------------------------------------------
+// ---- Interfaces ---------------------------------------------------------------------------------
 
 void read_automark(table_reader &in, policy_interface &iface, automark_value &out)
 {
@@ -1004,8 +1000,7 @@ policy_interface read_interface(const toml::table &table, diagnostics &found)
     return iface;
 }
 
-// ---- The file
-// --------------------------------------------------------------------------------------
+// ---- The file -----------------------------------------------------------------------------------
 
 // Where a key has more parts than any policy's could have. toml++ takes a step deeper for each, and
 // thousands would be more than a stack holds.

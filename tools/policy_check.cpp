@@ -133,11 +133,13 @@ private:
         const u32 link = iface_.speeds[0];
         const u32 phy = iface_.speeds[2];
         for (const auto &[name, rate, at] : {std::tuple{"phy_tx", phy, iface_.phy_at},
-                                             std::tuple{"link_tx", link, iface_.link_at}})
+                                             std::tuple{"link_tx", link, iface_.link_at}}) {
+            if (iface_.root_type == R_HFSC && rate > most_hfsc_kbit) found_.error(at, hfsc_right());
             if (rate == 0 && at != iface_.at && !failed_at(at))
                 found_.error(at, format("%s is the rate of a class, and tc takes no rate of 0; give"
                                         " 1kbit or more",
                                         name));
+        }
         if (link > phy && phy != 0)
             found_.error(
                 iface_.link_at,
@@ -248,13 +250,17 @@ private:
         if (takes_too_long(p.cburst, p.ceil)) found_.error(place(entry, "cburst"), burst_right);
     }
 
+    static constexpr u32 most_hfsc_kbit = 34359738;  // in bytes/s, 32 bits
+    static string hfsc_right()
+    {
+        return format("tc takes an HFSC rate of at most %s; lower it",
+                      rate_text(most_hfsc_kbit).c_str());
+    }
+
     void check_curve(const policy_class &entry, const char *key, const hfsc_curve &curve)
     {
-        constexpr u32 most_kbit = 34359738;  // in bytes/s, 32 bits
-        constexpr u32 most_umax = 4294;      // tc counts umax * 1000000 in 32 bits
-        if (curve.rate > most_kbit)
-            found_.error(place(entry, key), format("tc takes an HFSC rate of at most %s; lower it",
-                                                   rate_text(most_kbit).c_str()));
+        constexpr u32 most_umax = 4294;  // tc counts umax * 1000000 in 32 bits
+        if (curve.rate > most_hfsc_kbit) found_.error(place(entry, key), hfsc_right());
         const double rate = curve.rate * 125.0;
         if (curve.umax > most_umax && curve.dmax != 0 &&
             std::ceil(curve.umax * 1e3 / curve.dmax) <= rate)

@@ -59,8 +59,7 @@ std::vector<fs::path> files(const fs::path &folder, const char *extension)
     return all;
 }
 
-// ---- Bad policies, and the examples
-// --------------------------------------------------------------
+// ---- Bad policies, and the examples -------------------------------------------------------------
 
 TEST(Policy, EveryBadOneGetsItsWholeAnswer)
 {
@@ -156,8 +155,7 @@ TEST(Policy, MayBeginWithAByteOrderMark)
               "");
 }
 
-// ---- What is read
-// --------------------------------------------------------------------------------
+// ---- What is read -------------------------------------------------------------------------------
 
 tool::policy parsed(const string &text)
 {
@@ -670,8 +668,7 @@ TEST(Policy, SchedulesAreRead)
     }
 }
 
-// ---- Sizes that people do not write
-// --------------------------------------------------------------
+// ---- Sizes that people do not write -------------------------------------------------------------
 
 string big_policy(unsigned classes, const std::function<u32(u32)> &handle,
                   const std::function<u32(u32)> &parent)
@@ -736,8 +733,7 @@ TEST(Policy, CyclesAreErrors)
                     "12:10: class 0x11 stands before its parent 0x12; move it behind\n");
 }
 
-// ---- Texts
-// ---------------------------------------------------------------------------------------
+// ---- Texts --------------------------------------------------------------------------------------
 
 void expect_parsed(optional<u32> (*parse)(string_view), std::initializer_list<string_view> refused,
                    std::initializer_list<std::pair<string_view, u32>> taken)

@@ -174,6 +174,7 @@ private:
 };
 
 constexpr u32 most = 0xffffffff;
+constexpr u32 most_hfsc = 34359738;  // kbit/s, in 32 bits of bytes/s
 
 string hex_digits(dice &d, u32 v) { return say(d.chance(50) ? "0x%x" : "0x%X", v); }
 string spelt(dice &d, u32 v) { return d.chance(60) ? say("%u", v) : hex_digits(d, v); }
@@ -504,10 +505,10 @@ private:
         root_.entries.push_back(t);
     }
 
-    std::array<u32, 4> speeds(table &t, bool must)
+    std::array<u32, 4> speeds(table &t, bool must, u32 fastest = most)
     {
         std::array<u32, 4> all{};
-        all[2] = d_.number(must ? 1 : 0, most);
+        all[2] = d_.number(must ? 1 : 0, fastest);
         all[0] = d_.number(must ? 1 : 0, all[2]);
         all[1] = d_.number(0, most);
         all[3] = d_.number(0, most);
@@ -604,7 +605,8 @@ private:
     {
         const bool built_in = d_.chance(70);
         if (!built_in || d_.chance(20)) put(t, "default_tree", built_in ? "true" : "false");
-        const std::array<u32, 4> rates = speeds(t, true);
+        const std::array<u32, 4> rates =
+            speeds(t, true, built_in && type_ == R_HFSC ? most_hfsc : most);
         if (built_in)
             classes_ = {{1, 0, true, true, rates[2]},
                         {2, 1, true, false, rates[2]},
@@ -704,12 +706,11 @@ private:
     void add_hfsc(table &t, class_plan &c, const string &name)
     {
         const u32 above = limit_above(c);
-        constexpr u32 fastest = 34359738;
-        const u32 limit = above == 0 ? fastest : std::min(above, fastest);
+        const u32 limit = above == 0 ? most_hfsc : std::min(above, most_hfsc);
         hfsc_class_param p{};
-        p.ul = curve(t, "ul", fastest);
+        p.ul = curve(t, "ul", most_hfsc);
         p.sc = curve(t, "sc", limit);
-        p.ls = curve(t, "ls", fastest);
+        p.ls = curve(t, "ls", most_hfsc);
         p.rt = curve(t, "rt", limit);
         c.limit = p.ul.rate;
         // Of these the first is written, and of an inner class no rt.
