@@ -251,7 +251,7 @@ done
 if [ "$#" -gt 1 ]; then
     echo "an emulator: nobody has looked at the files that are opened"
 elif ! strace -o trace true 2>/dev/null; then
-    echo "no strace: nobody has looked at the files that are opened"
+    skipped='no strace: nobody has looked at the files that are opened'
 else
     for arguments in "check" "check --json" "render" "render --stop" "render --rules-only" "show" \
         "show --json" "show --dot"; do
@@ -260,6 +260,7 @@ else
             -e trace=open,openat,creat,execve,fork,vfork,unlink,unlinkat,rename,mkdir,socket \
             "${mordel[@]}" $arguments "$home" >out
         grep -q 'home-router\.toml' trace || fail "mordel $arguments: the trace shows nothing"
+        sed -i '/\/tmp\/tsan\.rodata\./d' trace # the thread sanitizer's own
         ! grep -E 'O_WRONLY|O_RDWR|O_CREAT|creat\(|/dev/console|/var/tmp' trace ||
             fail "mordel $arguments: a file was opened for writing"
         [ "$(grep -c 'execve(' trace)" = 1 ] || fail "mordel $arguments: a program was run"
@@ -294,3 +295,8 @@ for command in check render show apply stop status watch; do
     done
     run 0 --help
 done
+
+if [ -n "${skipped:-}" ]; then
+    echo "$skipped"
+    exit 77
+fi
