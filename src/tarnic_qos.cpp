@@ -440,10 +440,7 @@ int start_qos(const char *ifname)
     return write_script("/var/tmp/qos_start", ifname, start2script);
 }
 
-int stop_qos(const char *ifname)
-{
-    return write_script("/var/tmp/qos_stop", ifname, stop2script);
-}
+int stop_qos(const char *ifname) { return write_script("/var/tmp/qos_stop", ifname, stop2script); }
 
 int restart_qos(const char *ifname) { return stop_qos(ifname) == 0 ? 0 : start_qos(ifname); }
 
