@@ -1019,19 +1019,19 @@ std::optional<position> key_of_many_parts(string_view text)
         const string_view rest = text.substr(i);
         const char c = rest.front();
         if (!quote.empty()) {
-            const bool ends = rest.substr(0, quote.size()) == quote ||
+            const bool ends = (c == quote.front() && rest.substr(0, quote.size()) == quote) ||
                               (quote.size() == 1 && c == '\n');  // an unclosed one, too
             const bool escape = c == '\\' && quote.front() == '"' && rest.size() > 1;
             for (std::size_t n = ends ? quote.size() - 1 : escape ? 1 : 0; n > 0; --n) advance(i++);
             if (ends) quote = {};
             continue;
         }
-        for (const string_view opening : {"\"\"\"", "'''", "\"", "'"})
-            if (quote.empty() && rest.substr(0, opening.size()) == opening) {
-                quote = opening;
-                for (std::size_t n = opening.size() - 1; n > 0; --n) advance(i++);
-            }
-        if (!quote.empty()) continue;
+        if (c == '"' || c == '\'') {
+            quote = c == '"' ? R"(""")" : "'''";
+            if (rest.substr(0, 3) != quote) quote.remove_suffix(2);
+            for (std::size_t n = quote.size() - 1; n > 0; --n) advance(i++);
+            continue;
+        }
         if (c == '#') quote = "\n";
         if (string_view("=,{}[]\n#").find(c) != string_view::npos) dots = 0;
         if (c == '.' && ++dots > most) return at;
