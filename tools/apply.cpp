@@ -353,7 +353,7 @@ private:
         const std::size_t at = tc.err.rfind("Command failed -:");
         const std::size_t number =
             at == string::npos ? 0 : std::strtoul(tc.err.c_str() + at + 17, nullptr, 10);
-        out_.error = "tc: " + brief(tc.err.substr(0, at));
+        out_.error = tc.missing ? "tc is missing" : "tc: " + brief(tc.err.substr(0, at));
         if (number >= 1 && number <= plan_.commands.size())
             blame("tc ", plan_.commands[number - 1]);
         return false;

@@ -217,7 +217,7 @@ std::optional<live_filter> parse_filter(const tcmsg &head, std::span<const char>
                 more = true;
         });
     });
-    if (f.mark == 0) return fw ? std::nullopt : std::optional(f);
+    if (f.mark == 0) return std::nullopt;
     f.plain = fw && !more && head.tcm_info >> 16 == script_priority &&
               (head.tcm_info & 0xffff) == htons(ETH_P_IP);
     return f;

@@ -51,13 +51,12 @@ bool write_state(const std::string &ifname, const char *kind, const std::string 
     // Whole or not at all
     const std::string path = path_of(ifname, kind);
     const std::string fresh = path + ".new";
-    {
-        mordel::stream_guard out(std::fopen(fresh.c_str(), "we"));
-        if (!out || std::fwrite(text.data(), 1, text.size(), out.get()) != text.size() ||
-            std::fflush(out.get()) != 0)
-            return false;
-    }
-    return std::rename(fresh.c_str(), path.c_str()) == 0;
+    mordel::stream_guard out(std::fopen(fresh.c_str(), "we"));
+    if (out && std::fwrite(text.data(), 1, text.size(), out.get()) == text.size() &&
+        std::fflush(out.get()) == 0 && std::rename(fresh.c_str(), path.c_str()) == 0)
+        return true;
+    (void)::unlink(fresh.c_str());
+    return false;
 }
 
 void remove_state(const std::string &ifname)

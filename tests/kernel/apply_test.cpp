@@ -758,6 +758,10 @@ TEST(Drift, OfAPersonIsMendedByTheNextApply)
         {"a second filter for a mark",
          "tc filter add dev @ parent 1:0 protocol ip prio 1 handle 0x10 fw classid 1:3", true,
          true},
+        {"a filter's place",
+         "tc filter del dev @ parent 1:0 protocol ip prio 50 handle 0x12 fw;"
+         "tc filter add dev @ parent 1:0 protocol ip prio 7 handle 0x12 fw classid 1:12",
+         true, true},
         {"leaves swapped",
          "tc qdisc del dev @ parent 1:10; tc qdisc del dev @ parent 1:3;"
          "tc qdisc add dev @ parent 1:10 handle 30: pfifo limit 50;"
@@ -801,6 +805,23 @@ TEST(Drift, OfARedBurstIsSeenWithoutTheState)
     ASSERT_NE(text, other);
     EXPECT_EQ("changed", apply(other)["result"]);
     EXPECT_EQ("unchanged", apply(other)["result"]);
+}
+
+// An older memory would be believed at the next apply.
+TEST(Drift, OfAMemoryThatCannotBeWrittenIsNone)
+{
+    const string q = fresh_interface();
+    const string text = for_interface(htb_policy, q);
+    EXPECT_EQ("built", apply(text)["result"]);
+    const string memory = "/var/run/mordel/" + q;
+    fs::remove(memory + ".toml");
+    fs::create_directories(memory + ".toml/in the way");
+    const json done = apply(replaced(text, "2mbit", "3mbit"));
+    EXPECT_EQ("changed", done["result"]);
+    EXPECT_TRUE(has(done.dump(), "cannot write to /var/run/mordel")) << done;
+    EXPECT_FALSE(fs::exists(memory + ".start"));
+    EXPECT_FALSE(fs::exists(memory + ".toml.new"));
+    fs::remove_all(memory + ".toml");
 }
 
 TEST(Structure, ChangesRebuildTheTree)
@@ -1200,6 +1221,19 @@ TEST(MissingTool, OfTheTreeLeavesTheRules)
     EXPECT_TRUE(has(r.err, "tc is missing")) << r.err;
     EXPECT_EQ(whole, state_of(q));
     EXPECT_EQ("unchanged", apply(text)["result"]);
+}
+
+TEST(MissingTool, OfTheTreeIsNoReasonToLeaveTheRules)
+{
+    const string q = fresh_interface();
+    const string file = policy_file(for_interface(htb_policy, q));
+    EXPECT_EQ(0, mordel({"apply", file}).status);
+    const result r = mordel({"stop", file}, only({"iptables", "iptables-restore"}));
+    EXPECT_EQ(1, r.status);
+    EXPECT_TRUE(has(r.err, "tc is missing")) << r.err;
+    EXPECT_EQ("", rules_of(q));
+    EXPECT_EQ(0, mordel({"stop", file}).status);
+    expect_default(q);
 }
 
 TEST(MissingTool, AndAScriptThatCannotRun)
