@@ -354,9 +354,11 @@ int check_Key(const char *ifname, u32 key);
 
 /* Writes /var/tmp/qos_start: the tc commands that build the tree, then the rules' commands.
  * The script is rewritten whole, mode 0700. It is refused, and left as it was, where it is a
- * symbolic link, no regular file, another user's or has another hard link.
+ * symbolic link, no regular file, another user's or has another hard link. One that others may
+ * write to (its group, or everybody) is replaced by a new file, since they may have it open.
  * Returns 1; 0 when the interface is unknown or the script cannot be opened. Write errors are not
- * reported: on a full file system the script is cut short.
+ * reported: on a full file system the script is left with its three opening lines, or empty, so
+ * that it does nothing when it is run.
  * Traces "An error occur at not define leaf qdisc type" for an unknown leaf type, whose script line
  * stays open, and what renew_qos_rule traces. */
 int start_qos(const char *ifname);

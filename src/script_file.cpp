@@ -1,5 +1,8 @@
-// Scripts lie in a directory that everybody may write to and are run by root: what somebody else
-// could have planted there, or could still change, is not written to.
+// Generated scripts: how they are opened, closed and made ready to run. No state; who calls for one
+// path serialises.
+//
+// Scripts lie in a directory that everybody may write to and are run by root, so a file that
+// somebody else planted there, or could still change, is not written to.
 
 #include "script_file.h"
 
@@ -10,44 +13,60 @@
 namespace mordel {
 namespace {
 
-// Not truncated yet: a refused file keeps its text. Non-blocking for a FIFO without a reader.
-int open_for_writing(const char *path, int flags)
+constexpr char opening_lines[] = "#!/bin/sh\n"
+                                 "#Generate by tarnic\n"
+                                 "#Author: Ora Vel\n";
+constexpr ssize_t opening_length = sizeof opening_lines - 1;
+
+// A descriptor of a script that only we can write to; -1 when it cannot be had.
+int open_own_script(const char *path)
 {
-    return ::open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | flags,
-                  S_IRWXU);
+    constexpr int flags = O_WRONLY | O_CREAT;
+    struct stat st;
+    fd_guard fd{open_own_file(path, flags, S_IRWXU, &st)};
+    if (!fd || (st.st_mode & (S_IWGRP | S_IWOTH)) == 0) return fd.release();
+    // Somebody else could have opened this file and could still write to it, whatever mode it gets:
+    // a new file takes its place. O_EXCL: a file planted since the unlink is refused.
+    return ::unlink(path) == 0 ? open_own_file(path, flags | O_EXCL, S_IRWXU, &st) : -1;
 }
 
-// A descriptor of a file that is ours alone; -1 when it cannot be had.
-int open_own(const char *path)
+stream_guard open_stream(int fd)
 {
-    fd_guard fd{open_for_writing(path, 0)};
-    struct stat st;
-    if (!fd || !is_plain_file(fd.get(), &st) || st.st_uid != ::geteuid()) return -1;
-    if ((st.st_mode & (S_IWGRP | S_IWOTH)) == 0) return fd.release();
-    // Others could have opened it, and would keep their way in: a new file takes its place.
-    return ::unlink(path) == 0 ? open_for_writing(path, O_EXCL) : -1;
+    fd_guard copy{::fcntl(fd, F_DUPFD_CLOEXEC, 0)};
+    if (!copy) return nullptr;
+    stream_guard stream{::fdopen(copy.get(), "w")};
+    if (!stream) return nullptr;
+    (void)copy.release();  // the stream's from here on
+    if (::ftruncate(fd, 0) != 0) return nullptr;
+    (void)::fchmod(fd, S_IRWXU);  // best effort: some file systems know no modes
+    return stream;
+}
+
+// Shortening a file takes no room on a full disk. The opening lines are written again because they
+// too may have failed to get there; in place of what was there they mostly need no room either.
+void cut_back(int fd)
+{
+    if (::ftruncate(fd, opening_length) != 0 ||
+        ::pwrite(fd, opening_lines, opening_length, 0) != opening_length)
+        (void)!::ftruncate(fd, 0);
 }
 
 }  // namespace
 
-stream_guard open_script(const char *path)
+script_file::script_file(const char *path)
+    : file_(open_own_script(path)), stream_(file_ ? open_stream(file_.get()) : nullptr)
+{}
+
+script_file::~script_file()
 {
-    fd_guard fd{open_own(path)};
-    if (!fd) return nullptr;
-    stream_guard script{::fdopen(fd.get(), "w")};
-    if (!script) return nullptr;
-    const int own = fd.release();  // the stream's from here on
-    if (::ftruncate(own, 0) != 0) return nullptr;
-    (void)::fchmod(own, S_IRWXU);  // best effort: some file systems know no modes
-    return script;
+    if (!stream_) return;
+    // The stream remembers an error even where later writes succeeded. fclose writes what is still
+    // buffered, and some file systems (NFS) report a full disk at the close alone. The file is cut
+    // back once the stream is gone: a stream that keeps what it could not write tries again there.
+    const bool failed = ::ferror(stream_.get()) != 0;
+    if (::fclose(stream_.release()) != 0 || failed) cut_back(file_.get());
 }
 
-void write_script_header(FILE *out)
-{
-    ::fputs("#!/bin/sh\n"
-            "#Generate by tarnic\n"
-            "#Author: Ora Vel\n",
-            out);
-}
+void write_script_header(FILE *out) { ::fputs(opening_lines, out); }
 
 }  // namespace mordel

@@ -581,13 +581,14 @@ int restart_rule(const char *ifname)
         TRACE_CONSOLE("QoS struct not fuond!!\n");  // spelt so on purpose
         return 0;
     }
-    stream_guard script = open_script(path);
-    if (!script) {
-        TRACE_CONSOLE("Can't open tmp file!!\n");
-        return 0;
+    {
+        const script_file script(path);
+        if (script.stream() == nullptr) {
+            TRACE_CONSOLE("Can't open tmp file!!\n");
+            return 0;
+        }
+        rules2script(script.stream(), ifname, rules);
     }
-    rules2script(script.get(), ifname, rules);
-    script.reset();  // closed before it runs: a file open for writing cannot be executed
     (void)_system("%s", path);
     return 1;
 }

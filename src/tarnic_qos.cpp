@@ -412,9 +412,9 @@ int write_script(const char *path, const char *ifname,
 {
     qos_if *rec = root_qdisc_find_by_name(ifname);
     if (rec == nullptr) return 0;
-    const stream_guard script = open_script(path);
-    if (!script) return 0;
-    write(script.get(), ifname, rec);
+    const script_file script(path);
+    if (script.stream() == nullptr) return 0;
+    write(script.stream(), ifname, rec);
     return 1;
 }
 

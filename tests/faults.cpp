@@ -14,6 +14,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -88,6 +89,14 @@ private:
     int error_ = 0;
 };
 
+// Whether the living watch is for what streams do.
+bool watches_streams()
+{
+    const std::lock_guard lock(guard);
+    const state *now = current.load();
+    return now != nullptr && now->function.starts_with("stream ");
+}
+
 }  // namespace
 
 // A function that fails with -1, watched: its declaration, then how a call is recorded and made.
@@ -151,14 +160,56 @@ FILE *__wrap_fopen(const char *path, const char *mode)
     return call.fail ? nullptr : __real_fopen(path, mode);
 }
 
+int __real_close(int);
+int __wrap_close(int fd)
+{
+    const noted call("close", ON_FD);
+    return call.fail ? -1 : __real_close(fd);
+}
+
+// What a stream does inside the C library is seen by no wrapper. Where its writes or its close are
+// to fail, it is one of ours.
+ssize_t stream_write(void *cookie, const char *bytes, size_t size)
+{
+    const int fd = static_cast<int>(reinterpret_cast<intptr_t>(cookie));
+    const noted call("stream write", {"", std::string(bytes, size), fd, 0});
+    if (!call.fail) return __real_write(fd, bytes, size);
+    const ssize_t written = call.error() == ENOSPC ? __real_write(fd, bytes, size / 2) : 0;
+    errno = call.error();
+    return written;
+}
+
+int stream_close(void *cookie)
+{
+    const int fd = static_cast<int>(reinterpret_cast<intptr_t>(cookie));
+    const noted call("stream close", ON_FD);
+    (void)__real_close(fd);
+    if (!call.fail) return 0;
+    errno = call.error();
+    return -1;
+}
+
 FILE *__real_fdopen(int, const char *);
 FILE *__wrap_fdopen(int fd, const char *mode)
 {
     const noted call("fdopen", {"", mode, fd, 0});
-    return call.fail ? nullptr : __real_fdopen(fd, mode);
+    if (call.fail) return nullptr;
+    if (!watches_streams()) return __real_fdopen(fd, mode);
+    return ::fopencookie(reinterpret_cast<void *>(static_cast<intptr_t>(fd)), mode,
+                         {nullptr, stream_write, nullptr, stream_close});
 }
 
-WATCHED_INT(close, (int fd), ON_FD, (fd))
+int __real_fcntl(int, int, ...);
+int __wrap_fcntl(int fd, int command, ...)
+{
+    va_list args;
+    va_start(args, command);
+    const long argument = va_arg(args, long);
+    va_end(args);
+    const noted call("fcntl", {"", std::to_string(argument), fd, command});
+    return call.fail ? -1 : __real_fcntl(fd, command, argument);
+}
+
 WATCHED_INT(fstat, (int fd, struct stat *st), ON_FD, (fd, st))
 WATCHED_INT(ftruncate, (int fd, off_t size), ON_FD, (fd, size))
 WATCHED_INT(fchmod, (int fd, mode_t mode), ON_FD, (fd, mode))

@@ -13,10 +13,10 @@ namespace test {
 struct call {
     std::string function;  // "open"
     std::string text;      // open, unlink: the path; fopen: "PATH MODE"; rename: "FROM TO";
-                           // socket: the protocol's number;
-                           // write: the bytes; system, popen: the command
+                           // socket: the protocol's number; fcntl: the argument's;
+                           // write, stream write: the bytes; system, popen: the command
     int fd = -1;           // open, socket, accept4: what it returned; what takes one: its argument
-    int flags = 0;         // open: its flags; socket: its type; ioctl: its request;
+    int flags = 0;         // open: its flags; socket: its type; ioctl, fcntl: the request;
                            // recvfrom: the room for an address, -1 without one;
                            // sleep: the seconds
 };
@@ -24,7 +24,9 @@ struct call {
 // While it lives, calls of the wrapped functions are recorded, and the nth call of `function`
 // (counted from 1, from when the watch began) fails as that function does: null or -1 with errno
 // `error`, or, of the pthread functions, `error` itself. nth 0 fails none; nth -1 fails every one.
-// The rest reach the C library. Calls of every thread count; one watch lives at a time.
+// The rest reach the C library. "stream write" and "stream close" are what a stream of fdopen's
+// does: a write that fails with ENOSPC has written half, one of any other error nothing, and a
+// close that fails has closed. Calls of every thread count; one watch lives at a time.
 class watch {
 public:
     explicit watch(std::string function = "", int nth = 0, int error = 12 /* ENOMEM */);

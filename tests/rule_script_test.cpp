@@ -1,6 +1,7 @@
 // Rule scripts: the text for a caller's stream, the script that is run at once, and how the three
 // scripts of the library treat the file they find.
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -8,6 +9,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -674,7 +676,7 @@ TEST_P(ScriptFile, IsOpenedOnceAndClosedOnExec)
     int opened = 0;
     for (const auto &call : watch.calls("open")) {
         if (call.text != path) continue;
-        ++opened;
+        opened += (call.flags & O_ACCMODE) != O_RDONLY;
         EXPECT_EQ(O_CLOEXEC, call.flags & O_CLOEXEC);
     }
     EXPECT_EQ(1, opened);
@@ -711,7 +713,7 @@ TEST_P(ScriptFile, OnAFileSystemWithoutModesIsStillWritten)
 
 TEST_P(ScriptFile, ThatCannotBeOpenedIsLeftAlone)
 {
-    for (const char *function : {"open", "fstat", "fdopen", "ftruncate"}) {
+    for (const char *function : {"open", "fstat", "fcntl", "fdopen", "ftruncate"}) {
         SCOPED_TRACE(function);
         test::write_file(path, "old\n");
         ASSERT_EQ(0, ::chmod(path.c_str(), 0640));
@@ -822,21 +824,127 @@ TEST_P(ScriptFile, HasNoSecondName)
     expect_written();
 }
 
-TEST_P(ScriptFile, MayLoseItsLastWrites)
+// ---- A full disk -------------------------------------------------------------------------------
+
+constexpr char opening_lines[] = "#!/bin/sh\n"
+                                 "#Generate by tarnic\n"
+                                 "#Author: Ora Vel\n";
+
+// Scripts of several pages, where they hold the rules.
+void add_many_rules()
 {
-    struct rlimit before {};
-    ASSERT_EQ(0, ::getrlimit(RLIMIT_FSIZE, &before));
-    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
-    rlimit few = before;
-    few.rlim_cur = 15;
-    ASSERT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &few));
-    const int result = write();
-    ASSERT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &before));
-    std::signal(SIGXFSZ, handler);
-    EXPECT_EQ(1, result);
-    EXPECT_EQ("#!/bin/sh\n#Gene", test::read_file(path));
+    for (int index = 0; index < 256; ++index) add_rule(index, {}, marking(2));
+}
+
+// While it lives, no file gets longer than this many bytes.
+class file_limit {
+public:
+    explicit file_limit(size_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN))
+    {
+        EXPECT_EQ(0, ::getrlimit(RLIMIT_FSIZE, &before_));
+        rlimit few = before_;
+        few.rlim_cur = bytes;
+        EXPECT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &few));
+    }
+    ~file_limit()
+    {
+        EXPECT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &before_));
+        std::signal(SIGXFSZ, handler_);
+    }
+    file_limit(const file_limit &) = delete;
+    file_limit &operator=(const file_limit &) = delete;
+
+private:
+    rlimit before_{};
+    void (*handler_)(int);
+};
+
+TEST_P(ScriptFile, ThatEndsAtAnyByteIsCutBack)
+{
+    expect_written();
+    const std::string whole = test::read_file(path);
+    const std::string opening = opening_lines;
+    ASSERT_GT(whole.size(), opening.size());
+    for (size_t room = 0; room <= whole.size(); ++room) {
+        {
+            const test::watch watch("system", -1);  // the shell would not fit either
+            const file_limit limit(room);
+            ASSERT_EQ(1, write());
+        }
+        const std::string expected = room >= whole.size()     ? whole
+                                     : room >= opening.size() ? opening
+                                                              : "";
+        ASSERT_EQ(expected, test::read_file(path)) << room;
+        ASSERT_EQ(0700U, test::mode_of(path));
+    }
+    EXPECT_EQ(traces{}, test::console());
+}
+
+TEST_P(ScriptFile, OnAFullFileSystemIsCutBack)
+{
+    add_many_rules();
+    expect_written();
+    const std::string whole = test::read_file(path);
+    const auto page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+    for (size_t pages = 0; pages <= whole.size() / page + 1; ++pages) {
+        SCOPED_TRACE(pages);
+        const std::string size = "size=" + std::to_string((pages + 1) * page);
+        ASSERT_EQ(0, ::mount("tmpfs", "/var/tmp", "tmpfs", 0, size.c_str()));
+        test::write_file("/var/tmp/other", "takes a page");
+        const test::watch watch("system", -1);  // what it runs lies below the mount
+        EXPECT_EQ(1, write());
+        const std::string expected = pages * page >= whole.size() ? whole
+                                     : pages > 0                  ? opening_lines
+                                                                  : "";
+        EXPECT_TRUE(expected == test::read_file(path)) << test::read_file(path).size();
+        EXPECT_EQ(0700U, test::mode_of(path));
+        ASSERT_EQ(0, ::umount("/var/tmp"));
+    }
+    EXPECT_EQ(traces{}, test::console());
+}
+
+// The nth write fails, of a full disk or for want of memory; those that follow do not.
+TEST_P(ScriptFile, WithAHoleIsCutBack)
+{
+    add_many_rules();
+    expect_written();
+    const std::string whole = test::read_file(path);
+    for (const int error : {ENOSPC, ENOMEM}) {
+        int nth = 1;
+        for (bool failed = true; failed; ++nth) {
+            const test::watch watch("stream write", nth, error);
+            EXPECT_EQ(1, write());
+            failed = watch.failed();
+            const std::string expected = failed ? opening_lines : whole;
+            EXPECT_TRUE(expected == test::read_file(path)) << nth << ' ' << error;
+            EXPECT_EQ(0700U, test::mode_of(path));
+        }
+        EXPECT_GE(nth, 3);
+    }
+    EXPECT_EQ(traces{}, test::console());
+}
+
+TEST_P(ScriptFile, ThatFailsAsItIsClosedIsCutBack)
+{
+    const test::watch watch("stream close", 1, ENOSPC);
+    EXPECT_EQ(1, write());
+    EXPECT_TRUE(watch.failed());
+    EXPECT_EQ(opening_lines, test::read_file(path));
     EXPECT_EQ(0700U, test::mode_of(path));
     EXPECT_EQ(traces{}, test::console());
+}
+
+TEST_F(RuleScriptRun, RunsNothingThatWasCutBack)
+{
+    add_many_rules();
+    for (const char *function : {"stream write", "stream close"}) {
+        SCOPED_TRACE(function);
+        const test::watch watch(function, 1, ENOSPC);
+        EXPECT_EQ(1, restart_rule("eth0"));
+        EXPECT_TRUE(watch.failed());
+        EXPECT_EQ(1U, watch.calls("system").size());
+        EXPECT_EQ(std::vector<std::string>{}, calls());
+    }
 }
 
 TEST_P(ScriptFile, OfAnUnknownInterfaceIsNotTouched)
