@@ -533,7 +533,10 @@ int renew_qos_rule(FILE *out, const char *ifname, list_head *rules);
 int remove_qos_rule(FILE *out, const char *ifname);
 
 /* Writes /var/tmp/qos_rule_NAME with the text of renew_qos_rule, mode 0700, and runs it at once
- * through the shell, waiting for it. The file is refused as for start_qos.
+ * through the shell, waiting for it. The file is refused, replaced and, on a full file system, left
+ * without its commands as for start_qos. While somebody has the file open for writing it cannot be
+ * run; a child that another thread is starting has, for a moment. That is waited for, a second or
+ * so at most.
  * Returns 1, whatever the script's exit status; 0 when the interface is unknown or the file cannot
  * be opened. Traces "QoS struct not fuond!!" or "Can't open tmp file!!", and what
  * renew_qos_rule traces. */

@@ -8,6 +8,9 @@
 
 #include <fcntl.h>
 
+#include <csignal>
+#include <ctime>
+
 #include "plain_file.h"
 
 namespace mordel {
@@ -68,5 +71,29 @@ script_file::~script_file()
 }
 
 void write_script_header(FILE *out) { ::fputs(opening_lines, out); }
+
+// While another thread starts a process, the new process has a copy of our descriptor until it runs
+// its program. A file that is open for writing cannot be executed: the shell would say "Text file
+// busy" and the old rules would stay. The kernel grants a read lease on a file that nobody has open
+// for writing, and says EAGAIN while somebody has.
+void wait_for_writers(const char *path)
+{
+    constexpr int tries = 100;
+    constexpr timespec pause = {0, 10'000'000};  // 10 ms
+    const fd_guard fd{::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
+    // Who opens the script for writing while we hold the lease makes the kernel signal us. SIGURG
+    // is ignored by default; the usual SIGIO would end the process.
+    if (!fd || ::fcntl(fd.get(), F_SETSIG, SIGURG) != 0) return;
+    for (int i = 0; i < tries; ++i) {
+        if (::fcntl(fd.get(), F_SETLEASE, F_RDLCK) == 0) {
+            // Given back at once, and by name: a process started meanwhile has a copy of this
+            // descriptor too, so that closing ours alone would keep the lease.
+            (void)::fcntl(fd.get(), F_SETLEASE, F_UNLCK);
+            return;
+        }
+        if (errno != EAGAIN) return;  // a file system without leases tells us nothing
+        (void)::nanosleep(&pause, nullptr);
+    }
+}
 
 }  // namespace mordel

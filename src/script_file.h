@@ -31,4 +31,7 @@ private:
 // The three opening lines of every script.
 void write_script_header(FILE *out);
 
+// Waits, a second or so at most, until no process has a script open for writing.
+void wait_for_writers(const char *path);
+
 }  // namespace mordel

@@ -589,6 +589,7 @@ int restart_rule(const char *ifname)
         }
         rules2script(script.stream(), ifname, rules);
     }
+    wait_for_writers(path);
     (void)_system("%s", path);
     return 1;
 }

@@ -8,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -580,6 +581,90 @@ TEST_F(RuleScriptRun, NoFolderNoScript)
     EXPECT_EQ(0, restart_rule("no/where"));
     EXPECT_EQ((traces{no_script}), test::console());
     EXPECT_EQ(0U, calls().size());
+}
+
+// ---- Who has it open for writing ---------------------------------------------------------------
+
+// The commands of fcntl, with their arguments, as "COMMAND ARGUMENT".
+std::vector<std::string> fcntls(const test::watch &watch)
+{
+    std::vector<std::string> all;
+    for (const auto &call : watch.calls("fcntl"))
+        all.push_back(std::to_string(call.flags) + " " + call.text);
+    return all;
+}
+
+std::string fcntl_call(int command, int argument)
+{
+    return std::to_string(command) + " " + std::to_string(argument);
+}
+
+const std::string look = fcntl_call(F_SETLEASE, F_RDLCK);
+
+// As a child of another thread's has until it runs its program.
+TEST_F(RuleScriptRun, WaitsForAWriter)
+{
+    EXPECT_EQ(1, restart_rule("eth0"));
+    ASSERT_EQ(20U, calls().size());
+    const int held = ::open(rule_script, O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(held, 0);
+    const test::watch watch;
+    std::thread writer([&] {
+        EXPECT_TRUE(test::eventually([&] {
+            const auto all = fcntls(watch);
+            return std::count(all.begin(), all.end(), look) > 2;
+        }));
+        ::close(held);
+    });
+    EXPECT_EQ(1, restart_rule("eth0"));
+    writer.join();
+    EXPECT_EQ(40U, calls().size());
+}
+
+TEST_F(RuleScriptRun, WaitsForNoWriterForEver)
+{
+    EXPECT_EQ(1, restart_rule("eth0"));
+    const int held = ::open(rule_script, O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(held, 0);
+    const test::watch watch;
+    EXPECT_EQ(1, restart_rule("eth0"));
+    ::close(held);
+    EXPECT_EQ(20U, calls().size());
+    EXPECT_EQ(1U, watch.calls("system").size());
+    const auto all = fcntls(watch);
+    EXPECT_EQ(100, std::count(all.begin(), all.end(), look));
+    EXPECT_EQ(traces{}, test::console());
+}
+
+// The lease is given back before the script runs, and whoever breaks it sends a signal that is
+// ignored by default: not SIGIO, which ends a process.
+TEST_F(RuleScriptRun, LooksOnceWhereThereIsNoWriter)
+{
+    const test::watch watch;
+    EXPECT_EQ(1, restart_rule("eth0"));
+    EXPECT_EQ(
+        (std::vector<std::string>{fcntl_call(F_DUPFD_CLOEXEC, 0), fcntl_call(F_SETSIG, SIGURG),
+                                  look, fcntl_call(F_SETLEASE, F_UNLCK)}),
+        fcntls(watch));
+    EXPECT_EQ(20U, calls().size());
+}
+
+TEST_F(RuleScriptRun, RunsAtOnceOnAFileSystemWithoutLeases)
+{
+    for (const int nth : {2, 3}) {
+        const test::watch watch("fcntl", nth, EINVAL);
+        EXPECT_EQ(1, restart_rule("eth0"));
+        EXPECT_TRUE(watch.failed());
+        EXPECT_EQ(static_cast<size_t>(nth), watch.calls("fcntl").size());
+    }
+    EXPECT_EQ(40U, calls().size());
+    {
+        const test::watch watch("open", 2, EMFILE);
+        EXPECT_EQ(1, restart_rule("eth0"));
+        EXPECT_TRUE(watch.failed());
+    }
+    EXPECT_EQ(60U, calls().size());
+    EXPECT_EQ(traces{}, test::console());
 }
 
 // ---- The file of each script -------------------------------------------------------------------
