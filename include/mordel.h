@@ -859,6 +859,10 @@ int bm_start(bm_list *registry);
  * Up to eight append-only files of lines "FIRST|SECOND|SECONDS", the last the time since the Unix
  * epoch. Every 128 lines written here the file is renamed to FILE_SECONDS and begun anew; two
  * renamed in the same second leave the later one. Nothing is traced.
+ *
+ * In a directory that others may write to (its group, everybody, or an owner who is neither root nor
+ * the caller's user) a log is a plain file of the caller's user with one name. What they may have
+ * planted there is not taken: a symbolic link, a hard link, another kind of file or another user's.
  */
 
 typedef struct log_entry {
@@ -885,13 +889,13 @@ int initLogSys(void);
  * name, file, dir: stored up to 63, 63 and 127 characters; of a longer file or dir, the file that
  *                  is created has the whole name and those that are written later the stored one.
  * Returns the log's index, 0..7; -1 when the table is full (or initLogSys was not called), and the
- * file was emptied all the same; -2 when the file cannot be created. The descriptor by which it was
- * created, also for -1, stays open for good. */
+ * file was emptied all the same; -2 when the file cannot be created or, see above, is not taken. The
+ * descriptor by which it was created, also for -1, stays open for good. */
 int createLog(const char *name, const char *file, const char *dir);
 
 /* Appends a line.
  * index: of createLog; any other does nothing. first, second: texts without line feeds.
- * A line whose file cannot be opened is lost. */
+ * A line whose file cannot be opened, or is not taken, is lost. */
 void putlog(int index, const char *first, const char *second);
 
 #pragma GCC visibility pop

@@ -1,5 +1,7 @@
-// Named log files with rotation. One table for the process; no lock, callers serialise. Nothing is
-// traced.
+// Named log files with rotation. Owns logList, one table for the process, and isInit. Takes no
+// lock: callers serialise all calls. Traces nothing.
+
+#include <fcntl.h>
 
 #include <climits>
 #include <cstdio>
@@ -9,6 +11,9 @@
 
 #include "guards.h"
 #include "mordel.h"
+#include "plain_file.h"
+
+using namespace mordel;
 
 constinit log_entry logList[8] = {};
 constinit u8 isInit = 0;
@@ -19,12 +24,12 @@ constexpr int slot_free = -1;
 constexpr int slot_used = 1;
 constexpr u16 lines_per_file = 128;
 
-// The file of a log. A path that the system would refuse as too long is empty, which it refuses
-// too: never another file's.
+// The path of a log's file. A path that is too long for the system becomes empty, which the system
+// refuses as well; cut short, it would name another file.
 struct log_path {
     char text[PATH_MAX];
 
-    // Of a slot; its fields end where they end, NUL or none.
+    // The path of a slot's file. A field without a NUL ends where its array ends.
     explicit log_path(const log_entry &slot)
         : log_path(slot.dir, sizeof slot.dir, slot.file, sizeof slot.file)
     {}
@@ -34,11 +39,43 @@ struct log_path {
             ::snprintf(text, sizeof text, "%.*s/%.*s", dir_most, dir, file_most, file);
         if (static_cast<size_t>(length) >= sizeof text) text[0] = '\0';
     }
+
+    int open(int flags);
+
+private:
+    bool others_may_plant();
 };
+
+// Whether somebody besides root and us may write to the directory that the file lies in, and could
+// have put a link to a file of ours in the log's place.
+bool log_path::others_may_plant()
+{
+    char *const slash = ::strrchr(text, '/');
+    if (slash == nullptr) return false;  // the empty path
+    struct stat st;
+    *slash = '\0';
+    const bool known = ::stat(slash == text ? "/" : text, &st) == 0;
+    *slash = '/';
+    if (!known) return false;  // then the file cannot be opened either
+    return (st.st_mode & (S_IWGRP | S_IWOTH)) != 0 || (st.st_uid != 0 && st.st_uid != ::geteuid());
+}
+
+// Opens the file, for reading too, and makes it if it is missing. flags: O_TRUNC or O_APPEND. -1
+// when it cannot be opened, or others may have planted it.
+int log_path::open(int flags)
+{
+    constexpr int always = O_RDWR | O_CREAT | O_CLOEXEC;
+    constexpr mode_t mode = 0666;
+    if (!others_may_plant()) return ::open(text, always | flags, mode);
+    struct stat st;
+    fd_guard fd{open_own_file(text, always | (flags & O_APPEND), mode, &st)};
+    if (fd && (flags & O_TRUNC) != 0 && ::ftruncate(fd.get(), 0) != 0) return -1;
+    return fd.release();
+}
 
 unsigned long now() { return static_cast<unsigned long>(::time(nullptr)); }
 
-// Without a NUL of its own: initLogSys has zeroed the slot.
+// Copies a text into a field of a slot and writes no NUL behind it: initLogSys has zeroed the slot.
 template <size_t Size>
 void keep(char (&field)[Size], const char *text)
 {
@@ -59,8 +96,8 @@ int initLogSys(void)
 
 int createLog(const char *name, const char *file, const char *dir)
 {
-    // Neither kept nor closed, on purpose: the stream stays open for good.
-    if (::fopen(log_path(dir, INT_MAX, file, INT_MAX).text, "w+e") == nullptr) return -2;
+    // The descriptor is neither kept nor closed, on purpose: it stays open for good.
+    if (log_path(dir, INT_MAX, file, INT_MAX).open(O_TRUNC) < 0) return -2;
     int index = 0;
     for (log_entry &slot : logList) {
         if (slot.state == slot_free) {
@@ -80,9 +117,12 @@ void putlog(int index, const char *first, const char *second)
     if (index < 0 || index >= static_cast<int>(std::size(logList))) return;
     log_entry &slot = logList[index];
     if (slot.state != slot_used) return;
-    const log_path path(slot);
-    mordel::stream_guard log{::fopen(path.text, "a+e")};
+    log_path path(slot);
+    fd_guard fd{path.open(O_APPEND)};
+    if (!fd) return;
+    stream_guard log{::fdopen(fd.get(), "a+")};
     if (!log) return;
+    (void)fd.release();  // the stream's from here on
     ::fprintf(log.get(), "%s|%s|%lu\n", first, second, now());
     ++slot.lines;
     log.reset();

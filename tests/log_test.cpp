@@ -11,6 +11,7 @@
 #include <climits>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <set>
 #include <string>
 #include <thread>
@@ -290,9 +291,9 @@ TEST_F(LogFiles, WhatCannotBeCreatedTakesNoSlot)
     EXPECT_EQ(-2, create("none/a"));
     {
         test::write_file(in_dir("old"), "old\n");
-        const test::watch watch("fopen", 1, EMFILE);
+        const test::watch watch("open", 1, EMFILE);
         EXPECT_EQ(-2, create("old"));
-        EXPECT_EQ(1U, watch.calls("fopen").size());
+        EXPECT_EQ(1U, watch.calls("open").size());
     }
     EXPECT_EQ("old\n", test::read_file(in_dir("old")));
     EXPECT_TRUE(same(untouched));
@@ -376,8 +377,8 @@ TEST_F(LogFiles, PathsAreNeverCutShort)
         const std::string slashes(size - 1 - file.size() - dir.size(), '/');
         const test::watch watch;
         EXPECT_EQ(0, create(file, dir + slashes));
-        ASSERT_EQ(1U, watch.calls("fopen").size());
-        EXPECT_EQ(dir + slashes + "/" + file + " w+e", watch.calls("fopen")[0].text);
+        ASSERT_EQ(1U, watch.calls("open").size());
+        EXPECT_EQ(dir + slashes + "/" + file, watch.calls("open")[0].text);
         EXPECT_EQ((names{file}), files());
         fs::remove(in_dir(file));
     }
@@ -439,6 +440,147 @@ TEST_F(LogFiles, CopiesWriteTheirCharactersAlone)
     }
 }
 
+// ---- Directories that others may write to -------------------------------------------------------
+
+const std::string victim = "/var/tmp/victim";
+const std::string planted = in_dir("app.log");
+
+// What somebody else could put in a log's place; each leads to the victim, or is a trap of its own.
+struct plant {
+    const char *name;
+    std::function<void()> put;
+};
+
+void PrintTo(const plant &each, std::ostream *out) { *out << each.name; }
+
+const plant plants[] = {
+    {"SymbolicLink", [] { fs::create_symlink(victim, planted); }},
+    {"DanglingLink", [] { fs::create_symlink("/var/tmp/nothing", planted); }},
+    {"LinkToALink",
+     [] {
+         fs::create_symlink(victim, "/var/tmp/link");
+         fs::create_symlink("/var/tmp/link", planted);
+     }},
+    {"HardLink", [] { fs::create_hard_link(victim, planted); }},
+    {"Fifo", [] { ASSERT_EQ(0, ::mkfifo(planted.c_str(), 0600)); }},
+    {"ForeignFile",
+     [] {
+         test::write_file(planted, "theirs\n");
+         if (::chown(planted.c_str(), 12345, 12345) != 0) GTEST_SKIP() << "no second user here";
+     }},
+    {"Directory", [] { fs::create_directory(planted); }},
+};
+
+class LogPlant : public LogFiles, public testing::WithParamInterface<plant> {
+protected:
+    void SetUp() override
+    {
+        LogFiles::SetUp();
+        test::write_file(victim, "precious\n");
+    }
+    void expect_untouched() const
+    {
+        EXPECT_EQ("precious\n", test::read_file(victim));
+        EXPECT_FALSE(test::exists("/var/tmp/nothing"));
+        if (std::string(GetParam().name) == "ForeignFile") {
+            EXPECT_EQ("theirs\n", test::read_file(planted));
+        }
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Each, LogPlant, testing::ValuesIn(plants),
+                         [](const auto &each) { return std::string(each.param.name); });
+
+TEST_P(LogPlant, TakesNoSlotAndNoLine)
+{
+    for (const mode_t mode : {01777U, 0777U, 0757U, 0775U}) {
+        SCOPED_TRACE(mode);
+        ASSERT_EQ(1, initLogSys());
+        ASSERT_EQ(0, ::chmod(dir.c_str(), mode));
+        ASSERT_EQ(0, create("app.log"));
+        fs::remove(planted);
+        ASSERT_NO_FATAL_FAILURE(GetParam().put());
+        if (IsSkipped()) return;
+        const table before_plant = whole_table();
+        EXPECT_EQ(-2, create("app.log"));
+        putlog(0, "first", "second");
+        EXPECT_TRUE(same(before_plant));
+        expect_untouched();
+        fs::remove(planted);
+        fs::remove("/var/tmp/link");
+    }
+}
+
+// The owner of a directory may write to it, whatever its mode.
+TEST_P(LogPlant, IsRefusedInTheDirectoryOfAnotherUser)
+{
+    if (::chown(dir.c_str(), 12345, 12345) != 0) GTEST_SKIP() << "no second user here";
+    ASSERT_NO_FATAL_FAILURE(GetParam().put());
+    EXPECT_EQ(-2, create("app.log"));
+    expect_untouched();
+}
+
+// Where nobody else can write, a link is the owner's own.
+TEST_F(LogFiles, ADirectoryOfOnesOwnMayHoldLinks)
+{
+    test::write_file(victim, "old\n");
+    fs::create_symlink(victim, planted);
+    EXPECT_EQ(0, create("app.log"));
+    EXPECT_EQ("", test::read_file(victim));
+    put(0, 1, 1);
+    EXPECT_EQ(lines(1, 1), test::read_file(victim));
+    fs::remove(planted);
+    fs::create_hard_link(victim, planted);
+    EXPECT_EQ(1, create("app.log"));
+    put(1, 2, 3);
+    EXPECT_EQ(lines(2, 3), test::read_file(victim));
+}
+
+TEST_F(LogFiles, InASharedDirectoryAPlainFileIsEmptiedAndAppendedTo)
+{
+    ASSERT_EQ(0, ::chmod(dir.c_str(), 01777));
+    test::write_file(planted, "old\n");
+    ASSERT_EQ(0, ::chmod(planted.c_str(), 0640));
+    const size_t start = test::open_descriptors();
+    ASSERT_EQ(0, create("app.log"));
+    EXPECT_EQ(start + 1, test::open_descriptors());
+    EXPECT_EQ("", test::read_file(planted));
+    put(0, 1, 127);
+    EXPECT_EQ(lines(1, 127), test::read_file(planted));
+    EXPECT_EQ(0640U, test::mode_of(planted));
+    put(0, 128, 129);
+    EXPECT_EQ((names{"app.log", "app.log_1700000128"}), files());
+    EXPECT_EQ(lines(1, 128), test::read_file(in_dir("app.log_1700000128")));
+    EXPECT_EQ(lines(129, 129), test::read_file(planted));
+    EXPECT_EQ(start + 1, test::open_descriptors());
+    ASSERT_EQ(1, create("app.log", "/var/tmp/logs/../logs/"));
+    EXPECT_EQ("", test::read_file(planted));
+    {
+        const test::watch watch("ftruncate", 1, EIO);
+        EXPECT_EQ(-2, create("app.log"));
+        EXPECT_TRUE(watch.failed());
+    }
+    EXPECT_EQ(start + 2, test::open_descriptors());
+}
+
+// The directory is the one that the whole path names, not the one that was passed.
+TEST_F(LogFiles, TheDirectoryOfTheFileIsTheOneThatCounts)
+{
+    test::write_file(victim, "precious\n");
+    const std::string below = in_dir("below");
+    fs::create_directory(below);
+    fs::create_symlink(victim, below + "/app.log");
+    ASSERT_EQ(0, ::chmod(below.c_str(), 0777));
+    EXPECT_EQ(-2, create("below/app.log"));
+    EXPECT_EQ("precious\n", test::read_file(victim));
+    ASSERT_EQ(0, ::chmod(below.c_str(), 0755));
+    ASSERT_EQ(0, ::chmod(dir.c_str(), 0777));
+    EXPECT_EQ(0, create("below/app.log"));
+    EXPECT_EQ("", test::read_file(victim));
+    EXPECT_EQ(-2, create("", "/"));
+    EXPECT_EQ(-2, create(".", ""));
+}
+
 // ---- Descriptors -------------------------------------------------------------------------------
 
 TEST_F(LogFiles, EachFileCreatedLeavesOneDescriptorOpenAndNoLineDoes)
@@ -466,11 +608,12 @@ TEST_F(LogFiles, FilesAreOpenedCloseOnExec)
     const test::watch watch;
     ASSERT_EQ(0, create("app.log"));
     put(0, 1, 2);
-    std::vector<std::string> opened;
-    for (const auto &call : watch.calls("fopen")) opened.push_back(call.text);
-    EXPECT_EQ((std::vector<std::string>{in_dir("app.log") + " w+e", in_dir("app.log") + " a+e",
-                                        in_dir("app.log") + " a+e"}),
-              opened);
+    const auto opened = watch.calls("open");
+    ASSERT_EQ(3U, opened.size());
+    for (const auto &call : opened) {
+        EXPECT_EQ(in_dir("app.log"), call.text);
+        EXPECT_EQ(O_CLOEXEC, call.flags & O_CLOEXEC);
+    }
 }
 
 // ---- Lines -------------------------------------------------------------------------------------
@@ -536,7 +679,7 @@ TEST_F(LogFiles, OtherIndexesAndSlotsDoNothing)
         const test::watch watch;
         for (const int index : {-1, -8, 8, 9, 256, 65536, INT_MAX, INT_MIN})
             putlog(index, "a", "b");
-        EXPECT_EQ(0U, watch.calls("fopen").size());
+        EXPECT_EQ(0U, watch.calls("open").size());
     }
     EXPECT_TRUE(same(full));
     for (const int state : {-1, 0, 2, -2, 257, 0x10000001, INT_MIN, INT_MAX}) {
@@ -559,7 +702,7 @@ TEST_F(LogFiles, ALineWhoseFileCannotBeOpenedIsLostAndNotCounted)
         logList[0].lines = count;
         const table counted = whole_table();
         {
-            const test::watch watch("fopen", 1, EMFILE);
+            const test::watch watch("open", 1, EMFILE);
             putlog(0, "lost", "");
             EXPECT_TRUE(watch.failed());
             EXPECT_EQ(0U, watch.calls("rename").size());
@@ -752,6 +895,33 @@ TEST_F(LogFiles, TheLongestPathIsRenamedWhole)
     const std::string number = std::to_string(ULONG_MAX);
     EXPECT_EQ((names{file + "_" + number}), files(where));
     EXPECT_EQ("a|b|" + number + "\n", test::read_file(where + "/" + file + "_" + number));
+}
+
+// The path that was registered, and the one of the process's own directory.
+TEST_F(LogFiles, ALogNearTheLongestPathIsRenamed)
+{
+    const std::string slashes(PATH_MAX - 1 - dir.size() - std::strlen("/app.log"), '/');
+    ASSERT_EQ(0, create("app.log", dir + slashes));
+    put(0, 1, 128);
+    EXPECT_EQ((names{"app.log_1700000128"}), files());
+    EXPECT_EQ(lines(1, 128), test::read_file(in_dir("app.log_1700000128")));
+
+    const fs::path start = fs::current_path();
+    fs::current_path(dir);
+    const std::string step(200, 's');
+    size_t length = dir.size();
+    for (; length + 1 + step.size() < PATH_MAX - 1; length += 1 + step.size()) {
+        fs::create_directory(step);
+        fs::current_path(step);
+    }
+    const std::string last(PATH_MAX - 1 - length - std::strlen("//app.log"), 'l');
+    fs::create_directory(last);
+    fs::current_path(last);  // of its log, the whole path is as long as one may be
+    ASSERT_EQ(1, create("app.log", "."));
+    put(1, 129, 256);
+    EXPECT_EQ((names{"app.log_1700000256"}), files("."));
+    EXPECT_EQ(lines(129, 256), test::read_file("app.log_1700000256"));
+    fs::current_path(start);
 }
 
 TEST_F(LogFiles, TheFileIsClosedBeforeItIsRenamed)
