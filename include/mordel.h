@@ -8,9 +8,11 @@
  *     passed in are copied; the caller keeps what it passed.
  *  2. A name given to a function is an interface name, compared exactly. Of a longer one the first
  *     31 characters are stored, and only they find it again.
- *  3. Nothing here takes a lock, the bandwidth monitor apart: callers serialise all calls that
- *     share a list, an interface, the rules, the schedules or the log table, readers included. All
- *     other functions keep no state and may run on any thread.
+ *  3. Nothing here takes a lock, the bandwidth monitor apart. Callers serialise all calls of the
+ *     QoS tree, the rules and the schedules, whatever the interface and readers included: a thread
+ *     per interface would corrupt the lists that all of them walk. They serialise likewise the
+ *     calls on one list, and all calls on the log table. All other functions keep no state and may
+ *     run on any thread.
  *  4. Status codes differ between the families; each family says its own. No function reports
  *     through errno.
  *  5. Diagnostics are trace lines "[source: line function()]:::message", appended to
@@ -165,7 +167,8 @@ int _system_close(FILE *stream);
  * scripts that do, and running them is the caller's business.
  *
  *  1. A class is named by its 16-bit handle h: tc class 1:h. Handles are taken modulo 65536.
- *     tc itself takes leaf classes up to 0xfff.
+ *     Where two classes have one handle, the first in pre-order (each class before its children,
+ *     and these before its next sibling) is meant. tc itself takes leaf classes up to 0xfff.
  *  2. A leaf class (one without children) receives the packets whose firewall mark is its handle.
  *  3. Rates are kbit/s, bursts bytes, unless a field says otherwise.
  *  4. The library owns every record on qos_root until the delete functions free it. Callers may
@@ -310,9 +313,11 @@ extern list_head qos_root;
  * speeds: four values, kbit/s: link_tx, link_rx, phy_tx, phy_rx.
  * root_type: R_...
  * root_param: the record of that type (pfifo_fast_root_param, class_root_param, prio_root_param).
- * HTB and HFSC start with class 1 at phy_tx, and below it class 2 at phy_tx with an SFQ leaf and
- * class 3 at link_tx; PRIO starts with one class per band, 1..bands. Where memory ends in that
- * tree, the interface stays with what was built. Two names that are stored alike are two
+ * HTB and HFSC start with class 1 at phy_tx, and below it class 2 at phy_tx with an SFQ leaf of
+ * perturb 10, and class 3 at link_tx. HTB: rate and ceil are that speed, burst and cburst 1000000
+ * for class 1 and 6000 for the others, prio 0. HFSC: the rates of ul and sc are that speed, all
+ * else is 0. PRIO starts with one class per band, 1..bands. Where memory ends in that tree, the
+ * interface stays with what was built. Two names that are stored alike are two
  * interfaces; lookups, those that build the second one's tree included, find the older.
  * Returns 0; 2 when the interface exists; 3 when out of memory or root_type is unknown.
  * Traces "Internel error occur at not define root qdisc type" for an unknown type. */
@@ -395,10 +400,14 @@ void show_ifqos(const char *ifname);
  *     function's own message if it has one.
  */
 
-/* Which packets */
+/* Which packets. A kind that is in force but renders nothing narrows no rule: an IP match without a
+ * range that has both its ends, or a DSCP match of a dscp_mode above 1, leaves a rule that matches
+ * every packet, unless another kind narrows it. */
 typedef struct qos_match {
     u32 flags;        /* bit n: kind n is in force: 0 802.1p, 1 802.1Q, 2 MAC, 3 IP, 4 DSCP, 5 TOS,
-                         6 ALG, 7 packet length, 8 protocol, 9 domain, 10 URL */
+                         6 ALG, 7 packet length, 8 protocol, 9 domain, 10 URL. In a rendered
+                         rule bit 0 selects vlan_id and bit 1 dot1p_prio; in the report bit 0
+                         shows dot1p_prio and bit 1 vlan_id */
     u8 dot1p_prio;    /* 802.1p priority */
     u16 vlan_id;      /* 802.1Q VLAN id */
     char src_mac[20]; /* source MAC address, text as iptables takes it */
@@ -414,7 +423,8 @@ typedef struct qos_match {
     u32 tos;         /* 16 Minimize-Delay, 8 Maximize-Throughput, 4 Maximize-Reliability,
                         2 Minimize-Cost, 0 Normal-Service */
     u8 precedence;   /* IP precedence, with tos */
-    u32 protocol;    /* 0 TCP, 1 UDP, 2 ICMP, 3 TCP and UDP, 4 all */
+    u32 protocol;    /* 0 TCP, 1 UDP, 2 ICMP, 3 TCP and UDP, 4 all; 5 and more: the rule renders
+                        nothing */
     u16 sport_start; /* port ranges: used only with both ends non-zero */
     u16 sport_end;
     u16 dport_start;
@@ -519,8 +529,9 @@ qos_sched_node *search_sched(u8 index);
  * Traces "schedule index not found!!" for both. */
 int get_sched_str(u8 index, char *buf, u32 size);
 
-/* Writes the commands that build an interface's chains: create and link them, one line or more per
- * rule, and where automark is enabled the eight lines that map connection marks 100..800.
+/* Writes the commands that build an interface's chains anew: flush and delete the old ones, create
+ * them, unlink and link them, one line or more per rule, and where automark is enabled the eight
+ * lines that map connection marks 100..800.
  * out: open for writing; stays the caller's. ifname: written as given. rules: a list of qos_rule.
  * Returns 0 always. Traces, per rule: "get QF_PROTOCOL match type" when it matches a protocol,
  * "LOG target not implement!!" for that target, and for a schedule that is missing
@@ -860,9 +871,10 @@ int bm_start(bm_list *registry);
  * epoch. Every 128 lines written here the file is renamed to FILE_SECONDS and begun anew; two
  * renamed in the same second leave the later one. Nothing is traced.
  *
- * In a directory that others may write to (its group, everybody, or an owner who is neither root nor
- * the caller's user) a log is a plain file of the caller's user with one name. What they may have
- * planted there is not taken: a symbolic link, a hard link, another kind of file or another user's.
+ * In a directory that others may write to (its group, everybody, or an owner who is neither root
+ * nor the caller's user) a log is a plain file of the caller's user with one name. What they may
+ * have planted there is not taken: a symbolic link, a hard link, another kind of file or another
+ * user's.
  */
 
 typedef struct log_entry {
@@ -889,8 +901,8 @@ int initLogSys(void);
  * name, file, dir: stored up to 63, 63 and 127 characters; of a longer file or dir, the file that
  *                  is created has the whole name and those that are written later the stored one.
  * Returns the log's index, 0..7; -1 when the table is full (or initLogSys was not called), and the
- * file was emptied all the same; -2 when the file cannot be created or, see above, is not taken. The
- * descriptor by which it was created, also for -1, stays open for good. */
+ * file was emptied all the same; -2 when the file cannot be created or, see above, is not taken.
+ * The descriptor by which it was created, also for -1, stays open for good. */
 int createLog(const char *name, const char *file, const char *dir);
 
 /* Appends a line.

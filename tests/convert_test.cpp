@@ -316,6 +316,7 @@ TEST_F(ShellHelper, ReadGivesTheCommandsOutput)
 {
     FILE *stream = _system_read("echo '%s'; echo %d; exit 0", "a  b", 12);
     ASSERT_NE(nullptr, stream);
+    EXPECT_EQ(FD_CLOEXEC, ::fcntl(::fileno(stream), F_GETFD));
     EXPECT_EQ("a  b\n12\n", read_all(stream));
     EXPECT_EQ(0, _system_close(stream));
 }

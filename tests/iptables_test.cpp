@@ -540,6 +540,23 @@ TEST_F(Rendering, DscpMatches)
     EXPECT_EQ(traces{}, test::console());
 }
 
+// A kind that renders nothing narrows nothing: the rule then takes every packet.
+TEST_F(Rendering, HalfAnAddressRangeOrNoDscpModeMatchesEveryPacket)
+{
+    qos_rule rule{};
+    rule.target.flags = bit(mordel::target_mark);
+    rule.target.mark = 0x10;
+    const std::string every_packet = "iptables -t mangle -A QOS_eth0 -j MARK --set-mark 0x10 \n";
+    ASSERT_EQ(every_packet, drawn(rule));
+    rule.match.flags = bit(mordel::QF_IP);
+    rule.match.src_ip_start = 0x0a000001;
+    rule.match.dst_ip_end = 0x0a000002;
+    EXPECT_EQ(every_packet, drawn(rule));
+    rule.match.flags = bit(mordel::QF_DSCP);
+    rule.match.dscp_mode = 2;
+    EXPECT_EQ(every_packet, drawn(rule));
+}
+
 TEST_F(Rendering, TosMatches)
 {
     struct {

@@ -1,5 +1,9 @@
 // The lookups in id/text and id/value tables, and the comparison without case.
+#include <bit>
+#include <cctype>
 #include <climits>
+#include <clocale>
+#include <cstdlib>
 #include <string>
 
 #include "fence.h"
@@ -157,6 +161,27 @@ TEST_F(Map, NoCaseFoldsTheTableToo)
     EXPECT_EQ(1, TxtMapByTxtNoCase(mixed, "MINIMIZE-DELAY"));
     EXPECT_EQ(2, TxtMapByTxtNoCase(mixed, "ef\xC4"));
     EXPECT_EQ(-1, TxtMapByTxtNoCase(mixed, "ef\xE4"));
+}
+
+// In Turkish an I is no capital i.
+TEST_F(Map, NoCaseIsTheSameInTurkish)
+{
+    const std::string order = std::endian::native == std::endian::big ? "big" : "little";
+    const std::string make =
+        "localedef --" + order + "-endian -i tr_TR -f ISO-8859-9 /var/tmp/turkic >/dev/null 2>&1";
+    (void)!std::system(make.c_str());
+    ::setenv("LOCPATH", "/var/tmp", 1);
+    const bool turkish = std::setlocale(LC_ALL, "turkic") != nullptr && std::tolower('I') != 'i';
+    constexpr txt_map rows[] = {{1, "minimize"}, {2, "FINE"}, {-1, "Unknown"}};
+    const int found = TxtMapByTxtNoCase(rows, "MINIMIZE");
+    const int other = TxtMapByTxtNoCase(rows, "fine");
+    const int capital = strCmpNoCase("I", "i");
+    std::setlocale(LC_ALL, "C");
+    ::unsetenv("LOCPATH");
+    EXPECT_EQ(1, found);
+    EXPECT_EQ(2, other);
+    EXPECT_EQ(0, capital);
+    if (!turkish) GTEST_SKIP() << "no Turkish locale, and none can be made";
 }
 
 // ---- Comparison --------------------------------------------------------------------------------

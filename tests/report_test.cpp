@@ -661,6 +661,18 @@ TEST_F(RuleReport, VlanNumbers)
               shown(m));
 }
 
+// Each bit with its own number, where the rendered rule has it with the other's.
+TEST_F(RuleReport, VlanBitsShowTheirOwnNumbers)
+{
+    qos_match m{};
+    m.dot1p_prio = 5;
+    m.vlan_id = 100;
+    m.flags = bit(mordel::QF_802_1P);
+    EXPECT_EQ((traces{match_line("802.1p priority:  5")}), shown(m));
+    m.flags = bit(mordel::QF_802_1Q);
+    EXPECT_EQ((traces{match_line("802.1q vlanid:    100")}), shown(m));
+}
+
 TEST_F(RuleReport, AddressesAreShownZeroOrNot)
 {
     qos_match m{};

@@ -42,6 +42,10 @@ const traced no_interface = {"tarnic_iptables", "restart_rule", "QoS struct not 
 
 constexpr char rule_script[] = "/var/tmp/qos_rule_eth0";
 
+constexpr char opening_lines[] = "#!/bin/sh\n"
+                                 "#Generate by tarnic\n"
+                                 "#Author: Ora Vel\n";
+
 constexpr u32 bit(unsigned n) { return 1U << n; }
 
 // The text with the interface's name in place of every @.
@@ -527,9 +531,7 @@ TEST_F(RuleScriptRun, RunsAgainAndStaysOnDisk)
     EXPECT_EQ(1, restart_rule("eth0"));
     EXPECT_EQ(40U, calls().size());
     EXPECT_EQ(text, test::read_file(rule_script));
-    EXPECT_EQ("#!/bin/sh\n#Generate by tarnic\n#Author: Ora Vel\n" + chain_lines("eth0") +
-                  automark_lines("eth0"),
-              text);
+    EXPECT_EQ(opening_lines + chain_lines("eth0") + automark_lines("eth0"), text);
 }
 
 TEST_F(RuleScriptRun, ReportsNoFailureOfTheScript)
@@ -551,13 +553,31 @@ TEST_F(RuleScriptRun, IsNamedAfterTheInterface)
     test::console();
     EXPECT_EQ(1, restart_rule(longest.c_str()));
     const std::string path_of_it = "/var/tmp/qos_rule_" + longest;
-    EXPECT_EQ("#!/bin/sh\n#Generate by tarnic\n#Author: Ora Vel\n" + chain_lines(longest),
-              test::read_file(path_of_it));
+    EXPECT_EQ(opening_lines + chain_lines(longest), test::read_file(path_of_it));
     EXPECT_EQ(0700U, test::mode_of(path_of_it));
     EXPECT_EQ("", test::shell_syntax(path_of_it));
     EXPECT_EQ(12U, calls().size());
     EXPECT_FALSE(test::exists(rule_script));
     EXPECT_EQ(traces{}, test::console());
+}
+
+// The path reaches the shell as it is, and no part of it is a format.
+TEST_F(RuleScriptRun, ANameWithPercentSignsIsNoFormat)
+{
+    for (const std::string name : {"%s", "%d%%", "%n%s%n", "100%"}) {
+        SCOPED_TRACE(name);
+        test::write_file("/var/tmp/calls", "");
+        add_htb(name.c_str());
+        test::console();
+        const test::watch watch;
+        EXPECT_EQ(1, restart_rule(name.c_str()));
+        ASSERT_EQ(1U, watch.calls("system").size());
+        EXPECT_EQ("/var/tmp/qos_rule_" + name, watch.calls("system")[0].text);
+        EXPECT_EQ(opening_lines + chain_lines(name), test::read_file("/var/tmp/qos_rule_" + name));
+        ASSERT_EQ(12U, calls().size());
+        EXPECT_EQ("[-t][mangle][-F][QOS_" + name + "]", calls()[0]);
+        EXPECT_EQ(traces{}, test::console());
+    }
 }
 
 TEST_F(RuleScriptRun, UnknownInterfacesHaveNone)
@@ -789,6 +809,20 @@ TEST_P(ScriptFile, ThatOthersCouldWriteToIsReplaced)
     EXPECT_EQ("old\n", test::read_file(path));
 }
 
+// What is planted between the removal of the old file and the making of the new one is refused.
+TEST_P(ScriptFile, ThatTakesAnOldOnesPlaceIsNew)
+{
+    test::write_file(path, "old\n");
+    ASSERT_EQ(0, ::chmod(path.c_str(), 0666));
+    const test::watch watch;
+    expect_written();
+    std::vector<int> exclusive;
+    for (const auto &call : watch.calls("open"))
+        if (call.text == path && (call.flags & O_ACCMODE) != O_RDONLY)
+            exclusive.push_back(call.flags & (O_CREAT | O_EXCL));
+    EXPECT_EQ((std::vector<int>{O_CREAT, O_CREAT | O_EXCL}), exclusive);
+}
+
 TEST_P(ScriptFile, OnAFileSystemWithoutModesIsStillWritten)
 {
     const test::watch watch("fchmod", 1, 1 /* EPERM */);
@@ -910,10 +944,6 @@ TEST_P(ScriptFile, HasNoSecondName)
 }
 
 // ---- A full disk -------------------------------------------------------------------------------
-
-constexpr char opening_lines[] = "#!/bin/sh\n"
-                                 "#Generate by tarnic\n"
-                                 "#Author: Ora Vel\n";
 
 // Scripts of several pages, where they hold the rules.
 void add_many_rules()

@@ -277,14 +277,15 @@ TEST_F(RuleList, TakesBothRecordsWhole)
 
 TEST_F(RuleList, RefusesAnIndexTwiceWhereverItStands)
 {
-    for (const int index : {2, 5, 9}) ASSERT_EQ(1, add_rule("eth0", index));
+    const std::vector<int> all = {0, 2, 5, 9, 255};
+    for (const int index : all) ASSERT_EQ(1, add_rule("eth0", index));
     const auto before = rules_of("eth0");
-    for (const int index : {2, 5, 9}) {
+    for (const int index : all) {
         EXPECT_EQ(0, add_rule("eth0", index)) << index;
         EXPECT_EQ((traces{said("add_qos_rule", "Index already exist!!")}), test::console());
     }
     EXPECT_EQ(before, rules_of("eth0"));
-    EXPECT_EQ((std::vector<int>{2, 5, 9}), indexes_of("eth0"));
+    EXPECT_EQ(all, indexes_of("eth0"));
 }
 
 TEST_F(RuleList, TestsTheIndexBeforeTheMark)
