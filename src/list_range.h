@@ -1,7 +1,8 @@
 // Typed walks over the intrusive list: for (qos_class &c : each<&qos_class::node>(list)).
 //
-// The successor is taken before the body runs, so the body may unlink and free the current record,
-// and no other. The list's constness is that of its head alone: the records are not const.
+// The walk takes the next record before the body of the loop runs. The body may so unlink and free
+// the current record, and no other: a freed next record would be walked all the same. A const list
+// is one whose head is const; its records are not.
 #pragma once
 
 #include <bit>
@@ -18,8 +19,8 @@ struct member<Member> {
     using record = Record;
 };
 
-// The record that a list_head lies in. A pointer to a data member is the member's offset, by the
-// C++ ABI that every compiler of ours follows.
+// The record that a list_head lies in. In the C++ ABI of Linux a pointer to a data member is that
+// member's offset in bytes; offsetof takes no template argument.
 template <auto Member>
 typename member<Member>::record &record_of(list_head *node)
 {

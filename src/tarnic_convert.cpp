@@ -1,4 +1,5 @@
-// Id/text maps, conversions and shell helpers. No state; safe on any thread.
+// Id/text maps, conversions and shell helpers. Owns nothing and keeps no state: all of it may run
+// on any thread.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -18,7 +19,7 @@ namespace {
 
 constexpr int end_id = -1;
 
-// The id of the first row whose text passes the test; the closing row's when none does.
+// The id of the first row whose text passes the test; the closing row's, -1, when none does.
 template <typename Test>
 int first_id(const txt_map *row, Test test)
 {
@@ -26,7 +27,7 @@ int first_id(const txt_map *row, Test test)
     return row->id;
 }
 
-// A to Z alone, whatever the locale.
+// Lower case for A to Z alone. tolower would go by the locale: in a Turkish one, I is no capital i.
 int fold(unsigned char byte) { return byte >= 'A' && byte <= 'Z' ? byte + ('a' - 'A') : byte; }
 
 }  // namespace
@@ -81,7 +82,8 @@ int strCmpNoCase(const char *a, const char *b)
 
 int ip2string(u32 ip, char *buf, int size)
 {
-    // One byte more than the longest address and its NUL need, on purpose.
+    // The longest address and its NUL take 16 bytes; that 17 are asked for is part of the
+    // interface.
     constexpr int least = 17;
     if (size < least) {
         TRACE_FILE("buffer size too small!!\n");
@@ -95,7 +97,7 @@ int ip2string(u32 ip, char *buf, int size)
 
 int string2ip(const char *text, u32 *ip)
 {
-    // Tested first: inet_addr's answer for this address is also its answer for an error.
+    // inet_addr returns INADDR_NONE for this valid address and for an error alike.
     if (::strcmp(text, "255.255.255.255") == 0) {
         *ip = INADDR_NONE;
         return 0;
@@ -104,7 +106,7 @@ int string2ip(const char *text, u32 *ip)
     return *ip == INADDR_NONE ? 1 : 0;
 }
 
-// Two straight pieces; the jumps between -81 and -80 and between -37 and -36 are meant.
+// Two straight pieces. The jumps from 11 to 28 at -80 dBm and from 92 to 100 at -36 dBm are meant.
 int dbm2Rssi(int dbm)
 {
     if (dbm >= -36) return 100;
@@ -117,7 +119,8 @@ int dbm2Rssi(int dbm)
 
 namespace {
 
-// A command, formatted. One that does not fit is never run cut short.
+// A formatted command. A command that does not fit is not run at all: cut short, it would be
+// another command.
 struct command {
     char text[512];
     int length;

@@ -1,5 +1,6 @@
-// Classification rules, schedules, and the iptables text rendered from them. The rules hang on
-// their interface's record, the schedules on sched_root; no lock, callers serialise.
+// Classification rules, schedules, and the iptables scripts and reports made from them. Owns
+// sched_root with the schedules on it, and the rules, which hang on the interface records of
+// tarnic_qos. Takes no lock: callers serialise all calls, whatever the interface.
 
 #include "tarnic_iptables.h"
 
@@ -55,7 +56,8 @@ constexpr txt_map RuleActStrMap[] = {
     {-1, "Unknown"},
 };
 
-// The second row of id 1 is found by its text alone, and stays where it is.
+// Two rows have the id 1. A lookup by id finds the first, so that "ALG_H323" is found by its text
+// alone. Its place between the others is part of the table.
 constexpr txt_map QfStrMap[] = {
     {QF_802_1P, "QF_802_1P"}, {QF_802_1Q, "QF_802_1Q"}, {QF_MAC, "QF_MAC"},
     {QF_IP, "QF_IP"},         {QF_DSCP, "QF_DSCP"},     {QF_TOS, "QF_TOS"},
@@ -71,7 +73,8 @@ constexpr u32 tcp_flags = 6;
 
 constexpr bool has(u32 flags, u32 bit) { return (flags >> bit & 1) != 0; }
 
-// A text that grows by formatted pieces in a buffer of its owner's, and never past it.
+// A text that grows by formatted pieces in a caller's buffer. What would pass the buffer's end is
+// left out.
 class text_writer {
 public:
     text_writer(char *buf, size_t size) : buf_(buf), size_(size) { ::memset(buf, 0, size); }
@@ -123,7 +126,7 @@ int add_qos_rule(const char *ifname, u8 index, const qos_match *match, const qos
         TRACE_CONSOLE("QoS tree not found!!\n");
         return 0;
     }
-    list_head *behind = rules;  // what the new rule is linked in front of
+    list_head *behind = rules;  // the new rule is linked in front of this node
     for (qos_rule &rule : each<&qos_rule::node>(*rules)) {
         if (rule.index == index) {
             TRACE_CONSOLE("Index already exist!!\n");
@@ -150,7 +153,7 @@ int add_qos_rule(const char *ifname, u8 index, const qos_match *match, const qos
     return 1;
 }
 
-// Not atomic, on purpose: a refused replacement leaves the old rule deleted.
+// The old rule goes first, on purpose: where the new one is refused, none is left.
 int modify_qos_rule(const char *ifname, u8 index, const qos_match *match, const qos_target *target)
 {
     return del_qos_rule(ifname, index) == 0 ? 0 : add_qos_rule(ifname, index, match, target);
@@ -191,7 +194,7 @@ int add_sched(const qos_sched *sched)
     if (sched->index == 0) return 0;
     qos_sched_node *fresh = allocate<qos_sched_node>().release();
     if (fresh == nullptr) return 0;
-    // Four fields and no more, on purpose: stop_hour, start_min and stop_min stay 0.
+    // These four fields alone are taken over, on purpose. stop_hour, start_min and stop_min stay 0.
     fresh->sched.index = sched->index;
     fresh->sched.days = sched->days;
     fresh->sched.all_day = sched->all_day;
@@ -254,7 +257,8 @@ int get_sched_str(u8 index, char *buf, u32 size)
     const qos_sched_node *node = search_sched(index);
     if (node != nullptr) {
         render_sched(text, node->sched);
-        // A size is a length here: the terminator may land one byte behind it.
+        // `size` is compared with the text's length. Where they are equal, the NUL lands one byte
+        // behind `size`; callers leave room for it.
         if (size >= text.length()) {
             ::memcpy(buf, work, text.length() + 1);
             return 1;
@@ -292,7 +296,7 @@ struct dotted {
     explicit dotted(u32 ip) { (void)ip2string(ip, text, sizeof text); }
 };
 
-// A range with both ends set.
+// A range whose ends are both set
 void add_ip_range(text_writer &text, const char *option, u32 start, u32 end)
 {
     text.add("%s %s-%s ", option, dotted(start).text, dotted(end).text);
@@ -307,7 +311,7 @@ void add_ip_ranges(text_writer &text, const qos_match &m)
     if (dst) add_ip_range(text, "--dst-range", m.dst_ip_start, m.dst_ip_end);
 }
 
-// One kind of match. Char arrays are read no further than they go.
+// The piece of one match kind. "%.20s" and "%.256s": a text that fills its array has no NUL.
 void add_match(text_writer &text, const qos_match &m, u32 kind)
 {
     switch (kind) {
@@ -338,11 +342,12 @@ void add_match(text_writer &text, const qos_match &m, u32 kind)
         text.add("-m urlfilter --url %.256s ", m.url);
         break;
     default:
-        break;  // the tag bits: add_vlan; the protocol: a text of its own
+        break;  // add_vlan writes the two tag kinds, render_protocol the protocol
     }
 }
 
-// On purpose, each bit selects the other's option.
+// The priority's bit selects the VLAN id and the id's bit the priority: crossed on purpose. The
+// report (show_match) shows each bit's own number.
 void add_vlan(text_writer &text, const qos_match &m)
 {
     const bool prio = has(m.flags, QF_802_1P);
@@ -352,7 +357,8 @@ void add_vlan(text_writer &text, const qos_match &m)
     if (tag) text.add("--vlan-prio %d ", m.dot1p_prio);
 }
 
-// The protocol texts of a rule; the second is that of UDP in a rule for both.
+// The protocol pieces of a rule. iptables takes one protocol a line: a rule for TCP and UDP needs a
+// second piece, for the second line.
 struct protocol_texts {
     char first[128];  // the longest takes 108
     char second[128];
@@ -362,7 +368,8 @@ struct protocol_texts {
 constexpr const char *protocol_names[] = {"tcp", "udp", "icmp", "tcp", "all"};
 static_assert(std::size(protocol_names) == protocols);
 
-// False for an unknown protocol.
+// Renders the protocol pieces; both stay empty for a rule without a protocol. False when the
+// protocol is unknown.
 bool render_protocol(protocol_texts *texts, const qos_match &m)
 {
     text_writer first(texts->first, sizeof texts->first);
@@ -384,13 +391,14 @@ bool render_protocol(protocol_texts *texts, const qos_match &m)
 
 }  // namespace
 
-// The last comma stays: iptables takes it.
+// The comma behind the last flag stays: iptables takes "SYN,ACK," as "SYN,ACK".
 void get_tcp_flag_str(char *text, u8 flags)
 {
     text_writer(text, flag_text_size).add_names(TcpFlagStrMap, flags & ((1U << tcp_flags) - 1));
 }
 
-// Callers hand over a whole rule text, so what is cleared and written goes by that, not by a size.
+// `size` is not heeded: the interface clears rule_text_size bytes, and every caller's text has
+// them.
 u32 draw_target(u32 kind, char *text, u32 /* size */, const qos_target *target)
 {
     text_writer out(text, rule_text_size);
@@ -458,7 +466,7 @@ int draw_rule(FILE *out, const qos_rule *rule, u32 action, const char *prefix, c
     for (u32 kind = 0; kind < match_kinds; ++kind) {
         if (!has(m.flags, kind)) continue;
         add_match(match, m, kind);
-        // The protocol has a text of its own, not a match piece; consoles show this line for it.
+        // The protocol has no match piece. That it is traced instead is part of the interface.
         if (kind == QF_PROTOCOL) TRACE_CONSOLE("get %s match type\n", name_of(QfStrMap, kind));
     }
     add_vlan(match, m);
@@ -477,12 +485,15 @@ int draw_rule(FILE *out, const qos_rule *rule, u32 action, const char *prefix, c
 }
 
 // ---- Chains -------------------------------------------------------------------------------------
-// What a chain writer calls always works on the chains of chain_prefix, whatever its own prefix.
+// Where one chain writer calls another, it passes chain_prefix and not the prefix that it was
+// given. Every caller gives chain_prefix; that the prefix is not passed on is part of the
+// interface.
 
 namespace {
 
-// The three jumps into an interface's chains: what leaves through it, forwarded or our own, goes to
-// its rule chain, and from there what belongs to a marked connection to its automark chain.
+// The three jumps into an interface's chains. FORWARD and OUTPUT send the packets that leave
+// through the interface to its rule chain, which sends those of a marked connection to the automark
+// chain.
 void write_jumps(FILE *out, const char *action, const char *prefix, const char *ifname)
 {
     ::fprintf(out, "iptables -t mangle %s FORWARD -o %s -g %s%s 2>/dev/null\n", action, ifname,
@@ -508,7 +519,7 @@ void del_rule_chain_jumps(FILE *out, const char *prefix, const char *ifname)
     write_jumps(out, "-D", prefix, ifname);
 }
 
-// Deleted first, so that a script that runs again stacks no second jumps.
+// Deletes the jumps first: a script that runs a second time would add them a second time.
 void add_rule_chain_jumps(FILE *out, const char *prefix, const char *ifname)
 {
     del_rule_chain_jumps(out, chain_prefix, ifname);
@@ -578,7 +589,7 @@ int restart_rule(const char *ifname)
     ::snprintf(path, sizeof path, "/var/tmp/qos_rule_%s", ifname);
     list_head *rules = find_rule_list_by_name(ifname);
     if (rules == nullptr) {
-        TRACE_CONSOLE("QoS struct not fuond!!\n");  // spelt so on purpose
+        TRACE_CONSOLE("QoS struct not fuond!!\n");  // the spelling is part of the interface
         return 0;
     }
     {
@@ -597,8 +608,44 @@ int restart_rule(const char *ifname)
 // ---- Report -------------------------------------------------------------------------------------
 
 namespace mordel {
+namespace {
 
-// Priority and VLAN id stand with their own bits here, unlike in the rendered rule.
+// The report's line of a protocol; none for an unknown one. Only show_match traces it: the
+// function's name stands in the trace.
+void add_protocol_line(text_writer &line, const qos_match &m)
+{
+    switch (m.protocol) {
+    case proto_tcp: {
+        char mask[flag_text_size];
+        char comp[flag_text_size];
+        get_tcp_flag_str(mask, m.tcp_flag_mask);
+        get_tcp_flag_str(comp, m.tcp_flag_comp);
+        line.add("TCP Port/flag:    src:%u~%u dst:%u~%u %s %s \n", m.sport_start, m.sport_end,
+                 m.dport_start, m.dport_end, mask, comp);
+        break;
+    }
+    case proto_udp:
+        line.add("UDP Port:         src:%u~%u dst:%u~%u\n", m.sport_start, m.sport_end,
+                 m.dport_start, m.dport_end);
+        break;
+    case proto_icmp:
+        line.add("ICMP:\n");
+        break;
+    case proto_both:
+        line.add("Both Port:        src:%u~%u dst:%u~%u\n", m.sport_start, m.sport_end,
+                 m.dport_start, m.dport_end);
+        break;
+    case proto_all:
+        line.add("ALL:\n");
+        break;
+    default:
+        break;
+    }
+}
+
+}  // namespace
+
+// Each VLAN bit shows its own number here; in a rendered rule the bits are crossed (add_vlan).
 void show_match(const qos_match *match)
 {
     const qos_match &m = *match;
@@ -621,33 +668,10 @@ void show_match(const qos_match *match)
     if (has(m.flags, QF_PKTLEN))
         TRACE_CONSOLE("Packet length:    %u~%u\n", m.pkt_len >> 16, m.pkt_len & 0xffff);
     if (has(m.flags, QF_PROTOCOL)) {
-        switch (m.protocol) {
-        case proto_tcp: {
-            char mask[flag_text_size];
-            char comp[flag_text_size];
-            get_tcp_flag_str(mask, m.tcp_flag_mask);
-            get_tcp_flag_str(comp, m.tcp_flag_comp);
-            TRACE_CONSOLE("TCP Port/flag:    src:%u~%u dst:%u~%u %s %s \n", m.sport_start,
-                          m.sport_end, m.dport_start, m.dport_end, mask, comp);
-            break;
-        }
-        case proto_udp:
-            TRACE_CONSOLE("UDP Port:         src:%u~%u dst:%u~%u\n", m.sport_start, m.sport_end,
-                          m.dport_start, m.dport_end);
-            break;
-        case proto_icmp:
-            TRACE_CONSOLE("ICMP:\n");
-            break;
-        case proto_both:
-            TRACE_CONSOLE("Both Port:        src:%u~%u dst:%u~%u\n", m.sport_start, m.sport_end,
-                          m.dport_start, m.dport_end);
-            break;
-        case proto_all:
-            TRACE_CONSOLE("ALL:\n");
-            break;
-        default:
-            break;
-        }
+        char line[128];  // the longest takes 100
+        text_writer text(line, sizeof line);
+        add_protocol_line(text, m);
+        if (text.length() != 0) TRACE_CONSOLE("%s", line);
     }
     if (has(m.flags, QF_DOMAIN)) TRACE_CONSOLE("Domain String:    %.256s\n", m.domain);
     if (has(m.flags, QF_URL)) TRACE_CONSOLE("URL String:       %.256s\n", m.url);
@@ -668,7 +692,7 @@ void show_target(const qos_target *target)
         TRACE_CONSOLE("DSCP:             %s\n", name_of(DscpClassStrMap, t.value.class_id));
     if (has(t.flags, target_mkvlan))
         TRACE_CONSOLE("Vlan Tag 1p/q:    %d/%d\n", t.vlan_prio, t.vlan_id);
-    // The wish itself, whether or not its bit is set
+    // Shown by the log byte, whether or not the LOG bit of the flags is set
     if (t.log != 0) TRACE_CONSOLE("Log:              Yes\n");
 }
 

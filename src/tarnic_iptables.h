@@ -1,4 +1,4 @@
-// What the rules offer the reports and the tests.
+// What the rules offer the tree's scripts, the reports, the command mordel and the tests.
 #pragma once
 
 #include <cstdio>

@@ -1,9 +1,11 @@
-// The intrusive list. The order of the stores in list_add is part of the interface.
+// The intrusive list. Owns nothing and takes no lock: callers serialise the calls on one list.
 
 #include "mordel.h"
 
 u32 list_empty(const list_head *head) { return head->next == head; }
 
+// The order of the stores, here and in list_replace, is part of the interface: it decides what
+// links remain where a caller passes nodes that are one.
 void list_add(list_head *node, list_head *prev, list_head *next)
 {
     next->prev = node;
@@ -14,7 +16,8 @@ void list_add(list_head *node, list_head *prev, list_head *next)
 
 void list_add_tail(list_head *node, list_head *head) { list_add(node, head->prev, head); }
 
-// The removed node keeps its links: walks that removed the record they stand on read them.
+// The removed node keeps its own links, for walks that remove the record they stand on and then
+// read its successor.
 void list_del(list_head *entry)
 {
     entry->prev->next = entry->next;

@@ -1,5 +1,10 @@
-// The traffic-control model of each interface, and the tc scripts rendered from it. The records
-// hang on qos_root; nothing here takes a lock, callers serialise.
+// The traffic-control model of each interface, and the tc scripts and reports made from it. Owns
+// qos_root, the interface records on it and the classes below these; the rules on a record belong
+// to tarnic_iptables and are freed here with their interface. Takes no lock: callers serialise all
+// calls, whatever the interface.
+//
+// Lists of classes are walked in a loop, never by recursion: a tree may have more levels than a
+// thread's stack has room for calls.
 
 #include "tarnic_qos.h"
 
@@ -27,7 +32,8 @@ constexpr txt_map RootQdiscTypeMap[] = {
     {-1, "Unknown"},
 };
 
-// PRIO takes no classes from callers: its bands are made with the root.
+// The type of the classes that add_class makes. R_PRIO is -1: its classes are its bands, which
+// add_root_qdisc makes.
 constexpr id_map RootClassTypeMap[] = {
     {R_pfifo_fast, -1}, {R_HTB, C_HTB}, {R_HFSC, C_HFSC}, {R_PRIO, -1}, {-1, -1},
 };
@@ -96,7 +102,7 @@ qos_class *append_class(qos_if *rec, qos_class *parent, u32 type, u16 handle)
     return cls;
 }
 
-// What the caller passes for each root type
+// By root type: how much of the caller's root parameters is copied
 constexpr u8 root_param_size[] = {sizeof(pfifo_fast_root_param), sizeof(class_root_param),
                                   sizeof(class_root_param), sizeof(prio_root_param)};
 static_assert(std::size(root_param_size) == R_PRIO + 1);
@@ -117,13 +123,15 @@ constexpr default_class default_classes[] = {
 constexpr u16 fair_class = 2;
 constexpr u8 fair_perturb = 10;  // seconds
 
-// Built by the record's own name: what was stored, not what the caller passed.
+// add_class and add_leaf_qdisc find the interface by its stored name: a name of more than 31
+// characters is stored cut, and what the caller passed would find nothing.
 void add_default_classes(const qos_if *rec)
 {
     for (const default_class &row : default_classes) {
         const u32 rate = row.at_link ? rec->link_tx : rec->phy_tx;
-        // Whole and zero behind what is set: an older interface of the same stored name may be of
-        // the other type, and its kind of parameters is then read from here.
+        // Zeroed as a whole: two long names may be stored alike, and add_class then finds the older
+        // interface. If that one is HFSC and this one HTB, the longer HFSC parameters are read
+        // here.
         qos_class_param param;
         ::memset(&param, 0, sizeof param);
         if (rec->root_type == R_HTB) {
@@ -154,7 +162,8 @@ int add_prio_classes(const char *ifname, u8 bands)
     return 0;
 }
 
-// Children before their parent, in list order, and in a loop: see class_walk.h.
+// Goes down to a class without children, frees it and goes on at its parent, which so becomes one
+// without children in its turn.
 void class_free_tree(qos_class *cls)
 {
     for (qos_class *at = cls;;) {
@@ -173,7 +182,8 @@ using namespace mordel;
 
 int add_root_qdisc(const u32 *speeds, const char *ifname, u32 root_type, const void *root_param)
 {
-    // A new name is looked up too, so every new interface traces its "not found" once.
+    // The lookup of a new name traces "NAME not found!!". Every new interface so traces it once, on
+    // purpose.
     if (root_qdisc_find_by_name(ifname) != nullptr) return 2;
     heap_guard<qos_if> fresh = allocate<qos_if>();
     if (!fresh) return 3;
@@ -204,7 +214,8 @@ int del_root_qdisc(const char *ifname)
     if (rec->root_type <= R_PRIO) {
         for (qos_class &cls : each<&qos_class::node>(rec->classes)) class_free_tree(&cls);
     } else {
-        // A record of no known type was written over: what its class list holds is not trusted.
+        // No record is made with such a type, so something has written over this one. Its list of
+        // classes may be overwritten too: walking it could crash, leaving it leaks the classes.
         TRACE_CONSOLE("Internel error occur at not define root qdisc type\n");
     }
     for (qos_rule &rule : each<&qos_rule::node>(rec->rules)) ::free(&rule);
@@ -221,7 +232,7 @@ int add_class(const char *ifname, u32 parent, u32 handle, const void *class_para
     const int type = MapById(RootClassTypeMap, static_cast<int>(rec->root_type));
     if (type < 0) return 4;
     qos_class *above = nullptr;
-    // Only a class with a parent is tested: a top-level handle may be there twice.
+    // A top-level class is not tested, on purpose: its handle may be there already.
     if (static_cast<u16>(parent) != 0) {
         above = class_find(ifname, parent);
         if (above == nullptr) return 1;
@@ -270,7 +281,8 @@ int check_Key(const char *ifname, u32 key)
 namespace mordel {
 namespace {
 
-// "%-3x" fills the handle with blanks to three digits; the fill is part of the scripts.
+// "%-3x" puts blanks behind a handle of less than three digits. They are meant: scripts are
+// compared byte for byte.
 void htb2cmd(FILE *out, const char *ifname, u16 parent, const qos_class &cls)
 {
     const htb_class_param &p = cls.param.htb;
@@ -289,7 +301,8 @@ void hfsc2cmd(FILE *out, const char *ifname, u16 parent, const qos_class &cls)
     ::fprintf(out, "tc class add dev %s parent 1:0x%-3x classid 1:0x%-3x hfsc ", ifname, parent,
               cls.handle);
     curve2cmd(out, &p.ul, curve_ul);
-    // One more curve at most; the kernel takes a real-time curve for leaf classes alone.
+    // Of the other three, the first that has a rate and no more. A real-time curve has no effect in
+    // a class with children.
     if (p.sc.rate != 0)
         curve2cmd(out, &p.sc, curve_sc);
     else if (p.ls.rate != 0)
@@ -323,7 +336,8 @@ void root2cmd(FILE *out, qos_if *rec)
         break;
     }
     case R_pfifo_fast:
-        // The deletion of the root has put the default qdisc back; only its length is ours.
+        // The script has deleted the root qdisc, which put the kernel's default one back:
+        // pfifo_fast. Its queue length is all there is to set.
         ::fprintf(out, "ifconfig %s txqueuelen %u\n", rec->ifname, p.pfifo_fast.queue_len);
         return;
     default:
@@ -335,12 +349,12 @@ void root2cmd(FILE *out, qos_if *rec)
 void class2cmd(FILE *out, const char *ifname, list_head *classes)
 {
     for (qos_class &cls : preorder(classes)) {
-        // Class 1 hangs on the root qdisc wherever it stands in the tree.
+        // Class 1 is written below the root qdisc, 1:0, wherever it stands in the tree.
         const qos_class *parent = parent_of(&cls);
         const u16 above = cls.handle == 1 || parent == nullptr ? u16{0} : parent->handle;
         if (cls.type == C_HTB) htb2cmd(out, ifname, above, cls);
         if (cls.type == C_HFSC) hfsc2cmd(out, ifname, above, cls);
-        // PRIO's classes come with the qdisc: no line
+        // No line for a PRIO class: the kernel makes one per band with the root qdisc.
         if (is_leaf(&cls)) do_leaf2cmd(out, ifname, cls.handle, &cls.leaf);
     }
 }
@@ -355,7 +369,8 @@ void curve2cmd(FILE *out, const hfsc_curve *curve, int id)
 
 void do_leaf2cmd(FILE *out, const char *ifname, u16 handle, const leaf_qdisc *leaf)
 {
-    // Not reduced to 16 bits: above class 0xfff tc refuses the number, and is meant to.
+    // In 32 bits: from class 0x1000 on the number is more than a qdisc's 16 bits. tc then refuses
+    // the line; reduced to 16 bits, the number would name another class's qdisc.
     const u32 major = u32{handle} * 16;
     ::fprintf(out, "tc qdisc add dev %s parent 1:0x%-3x handle 0x%x: ", ifname, handle, major);
     switch (leaf->type) {
@@ -382,7 +397,8 @@ void do_leaf2cmd(FILE *out, const char *ifname, u16 handle, const leaf_qdisc *le
         break;
     }
     default:
-        // The line stays open and the filter line continues it: tc then refuses both.
+        // The line is left without an end, on purpose: the filter's command below becomes a part of
+        // it, and tc refuses the whole.
         TRACE_CONSOLE("An error occur at not define leaf qdisc type\n");
         break;
     }
@@ -400,6 +416,7 @@ void emit_rule_stop(FILE *out, qos_if *rec) { (void)remove_qos_rule(out, rec->if
 
 namespace {
 
+// The lines that both scripts begin with
 void write_opening(FILE *out, const char *ifname)
 {
     write_script_header(out);
@@ -489,7 +506,8 @@ void show_leaf(const leaf_qdisc *leaf)
     }
 }
 
-// In the order of the start script. Class 1 is shown below 1, where the script has it below 0.
+// In the order of the start script, but class 1 is shown as 1:1 where the script puts it below 0.
+// Both are meant.
 void draw_class(list_head *classes)
 {
     for (const qos_class &cls : preorder(classes)) {

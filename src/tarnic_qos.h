@@ -1,4 +1,4 @@
-// What the tree model offers the rules, the reports and the tests.
+// What the tree model offers the rules, the reports, the command mordel and the tests.
 #pragma once
 
 #include <cstddef>
@@ -17,7 +17,7 @@ extern const txt_map ClassTypeMap[];
 extern const txt_map LeafQdiscTypeMap[];
 extern const txt_map CurveTypeMap[];
 
-// The text of an unsigned id: the one place where those meet the signed ids of the maps.
+// The text of an id. Records hold ids unsigned, maps signed; this is the one place that converts.
 inline const char *name_of(const txt_map *map, u32 id)
 {
     return TxtMapById(map, static_cast<int>(id));
@@ -25,8 +25,9 @@ inline const char *name_of(const txt_map *map, u32 id)
 
 enum curve_id { curve_ul = 0, curve_sc = 1, curve_ls = 2, curve_rt = 3 };
 
-// The library's class records carry more than a qos_class (class_walk.h): what takes a list of
-// classes takes one that add_class or add_prio_classes has filled.
+// Behind each qos_class the library keeps a way up to its parent (class_walk.h). A function below
+// that takes a list of classes takes one of classes that add_class or add_prio_classes has made, no
+// caller's own.
 
 // ---- Lookups -----------------------------------------------------------------------------------
 
