@@ -47,13 +47,14 @@ ip link set other up
 
 # ---- The edges of --interval and --count
 
+# Of an interface that is not there: where a bad one is taken, that is said at once.
 for bad in 0 256 -1 1.5 1s x "" 4294967297; do
-    run 2 watch --interval "$bad" --count 1 lo
+    run 2 watch --interval "$bad" nothere
     [ ! -s "$work/out" ] || fail "--interval '$bad': something on standard output"
     grep -q -- --interval "$work/err" || fail "--interval '$bad': not said: $(cat "$work/err")"
 done
 for bad in 0 4294967296 -1 1.5 x ""; do
-    run 2 watch --count "$bad" lo
+    run 2 watch --count "$bad" nothere
     grep -q -- --count "$work/err" || fail "--count '$bad': not said: $(cat "$work/err")"
 done
 run 0 watch --interval 1 --count 1 lo
