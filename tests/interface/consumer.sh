@@ -53,7 +53,10 @@ ctest --test-dir "$work/both" -V >"$work/said" || fail "$(cat "$work/said")"
 [ "$(grep -c '^[12]: 192\.168\.1\.1$' "$work/said")" = 2 ] || fail "$(cat "$work/said")"
 grep -q '^100% tests passed, 0 tests failed out of 2$' "$work/said" || fail "$(cat "$work/said")"
 
-needed() { LC_ALL=C readelf -dW "$work/both/$1" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | tr '\n' ' '; }
+needed()
+{
+    LC_ALL=C readelf -dW "$work/both/$1" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | tr '\n' ' '
+}
 [ "$(needed with_mordel)" = 'libmordel.so.1 libc.so.6 ' ] || fail "needs $(needed with_mordel)"
 [ "$(needed with_mordel_static)" = 'libc.so.6 ' ] || fail "needs $(needed with_mordel_static)"
 echo "the consumer was built, and keeps its $(wc -l <"$work/expected") entries of the cache"

@@ -286,13 +286,6 @@ for command in check render show apply stop status watch; do
     grep -q "^\.B mordel $command\$" "$root/docs/mordel.8" || fail "the manual does not name $command"
     run 0 "$command" --help
     grep -q '^Examples:$' out || fail "$command --help shows no example"
-    # Every option has its completion and its place in the manual.
-    mapfile -t options < <(grep -oE -- '--[a-z-]+' out | sort -u)
-    for option in "${options[@]}"; do
-        grep -q -- "$option" "$root/tools/completion/mordel" || fail "no completion of $command $option"
-        [ "$option" = --help ] || grep -q -- "${option//-/\\\\-}" "$root/docs/mordel.8" ||
-            fail "the manual does not tell of $command $option"
-    done
     run 0 --help
 done
 
