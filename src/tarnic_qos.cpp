@@ -107,48 +107,45 @@ constexpr u8 root_param_size[] = {sizeof(pfifo_fast_root_param), sizeof(class_ro
                                   sizeof(class_root_param), sizeof(prio_root_param)};
 static_assert(std::size(root_param_size) == R_PRIO + 1);
 
-// The classes that an HTB or HFSC interface starts with
-struct default_class {
-    u16 handle;
-    u16 parent;
-    bool at_link;  // at the LINK rate, not the PHY rate
-    u32 burst;     // bytes
-    const char *name;
-};
-constexpr default_class default_classes[] = {
-    {1, 0, false, 1000000, "root"},
-    {2, 1, false, 6000, "non-limit"},
-    {3, 1, true, 6000, "user"},
-};
-constexpr u16 fair_class = 2;
-constexpr u8 fair_perturb = 10;  // seconds
-
 // add_class and add_leaf_qdisc find the interface by its stored name: a name of more than 31
 // characters is stored cut, and what the caller passed would find nothing.
 void add_default_classes(const qos_if *rec)
 {
     for (const default_class &row : default_classes) {
-        const u32 rate = row.at_link ? rec->link_tx : rec->phy_tx;
-        // Zeroed as a whole: two long names may be stored alike, and add_class then finds the older
-        // interface. If that one is HFSC and this one HTB, the longer HFSC parameters are read
-        // here.
-        qos_class_param param;
-        ::memset(&param, 0, sizeof param);
-        if (rec->root_type == R_HTB) {
-            param.htb = {rate, rate, row.burst, row.burst, 0};
-        } else {
-            param.hfsc.ul.rate = rate;
-            param.hfsc.sc.rate = rate;
-        }
+        const qos_class_param param = default_param(rec, row);
+        const leaf_qdisc leaf = default_leaf(row);
         (void)add_class(rec->ifname, row.parent, row.handle, &param, row.name);
+        if (leaf.type != L_pfifo) (void)add_leaf_qdisc(rec->ifname, row.handle, &leaf);
     }
-    leaf_qdisc fair{};
-    fair.type = L_SFQ;
-    fair.param.sfq.perturb = fair_perturb;
-    (void)add_leaf_qdisc(rec->ifname, fair_class, &fair);
 }
 
 }  // namespace
+
+qos_class_param default_param(const qos_if *rec, const default_class &row)
+{
+    const u32 rate = row.at_link ? rec->link_tx : rec->phy_tx;
+    // Zeroed as a whole: two long names may be stored alike, and add_class then finds the older
+    // interface. If that one is HFSC and this one HTB, the longer HFSC parameters are read here.
+    qos_class_param param;
+    ::memset(&param, 0, sizeof param);
+    if (rec->root_type == R_HTB) {
+        param.htb = {rate, rate, row.burst, row.burst, 0};
+    } else {
+        param.hfsc.ul.rate = rate;
+        param.hfsc.sc.rate = rate;
+    }
+    return param;
+}
+
+leaf_qdisc default_leaf(const default_class &row)
+{
+    leaf_qdisc leaf;
+    ::memset(&leaf, 0, sizeof leaf);
+    if (row.perturb == 0) return leaf;
+    leaf.type = L_SFQ;
+    leaf.param.sfq.perturb = row.perturb;
+    return leaf;
+}
 
 int add_prio_classes(const char *ifname, u8 bands)
 {
@@ -301,14 +298,9 @@ void hfsc2cmd(FILE *out, const char *ifname, u16 parent, const qos_class &cls)
     ::fprintf(out, "tc class add dev %s parent 1:0x%-3x classid 1:0x%-3x hfsc ", ifname, parent,
               cls.handle);
     curve2cmd(out, &p.ul, curve_ul);
-    // Of the other three, the first that has a rate and no more. A real-time curve has no effect in
-    // a class with children.
-    if (p.sc.rate != 0)
-        curve2cmd(out, &p.sc, curve_sc);
-    else if (p.ls.rate != 0)
-        curve2cmd(out, &p.ls, curve_ls);
-    else if (p.rt.rate != 0 && is_leaf(&cls))
-        curve2cmd(out, &p.rt, curve_rt);
+    const hfsc_curve *const curves[] = {&p.ul, &p.sc, &p.ls, &p.rt};  // by curve_id
+    const int id = written_curve(p, is_leaf(&cls));
+    if (id >= 0) curve2cmd(out, curves[id], id);
     ::fputs("\n", out);
 }
 
@@ -357,6 +349,13 @@ void class2cmd(FILE *out, const char *ifname, list_head *classes)
         // No line for a PRIO class: the kernel makes one per band with the root qdisc.
         if (is_leaf(&cls)) do_leaf2cmd(out, ifname, cls.handle, &cls.leaf);
     }
+}
+
+int written_curve(const hfsc_class_param &p, bool leaf)
+{
+    if (p.sc.rate != 0) return curve_sc;
+    if (p.ls.rate != 0) return curve_ls;
+    return p.rt.rate != 0 && leaf ? curve_rt : -1;
 }
 
 void curve2cmd(FILE *out, const hfsc_curve *curve, int id)

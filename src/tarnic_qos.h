@@ -15,6 +15,8 @@ extern const txt_map RootQdiscTypeMap[];
 extern const id_map RootClassTypeMap[];  // root type -> the class type add_class makes, or -1
 extern const txt_map ClassTypeMap[];
 extern const txt_map LeafQdiscTypeMap[];
+inline constexpr u32 leaf_types = 4;  // L_…
+inline constexpr u32 root_types = 4;  // R_…
 extern const txt_map CurveTypeMap[];
 
 // The text of an id. Records hold ids unsigned, maps signed; this is the one place that converts.
@@ -38,6 +40,27 @@ qos_if *root_qdisc_find_by_name(const char *ifname);
 qos_class *class_find_in_list(list_head *classes, u32 handle);
 qos_class *class_find(const char *ifname, u32 handle);
 
+// ---- The default tree --------------------------------------------------------------------------
+
+// The classes that an HTB or HFSC interface starts with
+struct default_class {
+    u16 handle;
+    u16 parent;
+    bool at_link;  // at the LINK rate, not the PHY rate
+    u32 burst;     // bytes
+    u8 perturb;    // seconds: its leaf is an SFQ; 0: it is a pfifo
+    const char *name;
+};
+inline constexpr default_class default_classes[] = {
+    {1, 0, false, 1000000, 0, "root"},
+    {2, 1, false, 6000, 10, "non-limit"},
+    {3, 1, true, 6000, 0, "user"},
+};
+
+// A default class's parameters, by the record's speeds and root type, and its leaf
+qos_class_param default_param(const qos_if *rec, const default_class &row);
+leaf_qdisc default_leaf(const default_class &row);
+
 // ---- Building ----------------------------------------------------------------------------------
 
 // Appends the band classes 1..bands; 0, 1 for an unknown interface, 3 when out of memory.
@@ -50,6 +73,9 @@ void class_free_tree(qos_class *cls);
 
 void root2cmd(FILE *out, qos_if *rec);
 void class2cmd(FILE *out, const char *ifname, list_head *classes);
+// The curve that a class's line has besides ul: curve_sc, curve_ls or curve_rt; -1: none. A
+// real-time curve has no effect in a class with children.
+int written_curve(const hfsc_class_param &p, bool leaf);
 void curve2cmd(FILE *out, const hfsc_curve *curve, int id);
 void do_leaf2cmd(FILE *out, const char *ifname, u16 handle, const leaf_qdisc *leaf);
 void emit_rule_start(FILE *out, qos_if *rec);
