@@ -49,6 +49,9 @@ constexpr txt_map LeafQdiscTypeMap[] = {
     {L_pfifo, "L_pfifo"}, {L_SFQ, "L_SFQ"}, {L_RED, "L_RED"}, {L_TBF, "L_TBF"}, {-1, "Unknown"},
 };
 
+static_assert(std::size(RootQdiscTypeMap) == root_types + 1);
+static_assert(std::size(LeafQdiscTypeMap) == leaf_types + 1);
+
 constexpr txt_map CurveTypeMap[] = {
     {curve_ul, "ul"}, {curve_sc, "sc"}, {curve_ls, "ls"}, {curve_rt, "rt"}, {-1, "Unknown"},
 };

@@ -20,10 +20,11 @@
 #include <sstream>
 
 #include "kernel.h"
+#include "leaf.h"
 #include "model.h"
-#include "names.h"
 #include "state.h"
 #include "text.h"
+#include "tree.h"
 
 namespace tool {
 namespace {
@@ -278,11 +279,11 @@ private:
         const command &c = wanted_.leaves.at(handle);
         const tree_class *wanted = find_class(tree_, handle);
         const bool same_kind = wanted != nullptr && seen != nullptr &&
-                               seen->kind == leaf_names[wanted->leaf.type] &&
+                               seen->kind == kind_of(wanted->leaf).name &&
                                seen->handle == handle << 20;
         // An SFQ cannot be changed, and without options a change changes nothing: what was set
         // would stay.
-        if (same_kind && wanted->leaf.type != L_SFQ && c.text.back() != ' ') {
+        if (same_kind && kind_of(wanted->leaf).changeable && c.text.back() != ' ') {
             plan_.commands.push_back({with_verb(c.text, "change"), c.line});
             return;
         }

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <algorithm>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,9 +31,6 @@ public:
     void warning(position at, std::string text) { add({at, true, std::move(text)}); }
 
     bool failed() const { return errors_ != 0; }
-
-    // Whether there is an error at a place: then what comes of it is no news.
-    bool failed_at(position at) const { return failed_.contains(at); }
     std::size_t errors() const { return errors_; }
 
     const std::vector<diagnostic> &all() const { return all_; }
@@ -51,15 +47,11 @@ public:
 private:
     void add(diagnostic d)
     {
-        if (!d.warning) {
-            ++errors_;
-            failed_.insert(d.at);
-        }
+        if (!d.warning) ++errors_;
         all_.push_back(std::move(d));
     }
 
     std::vector<diagnostic> all_;
-    std::set<position> failed_;
     std::size_t errors_ = 0;
 };
 

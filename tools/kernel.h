@@ -1,76 +1,12 @@
-// What the kernel holds on an interface, read by rtnetlink: exact numbers, where the texts of tc
-// are rounded.
+// The kernel's side of an interface, asked by rtnetlink and ioctl.
 #pragma once
 
 #include <optional>
 #include <string>
-#include <vector>
 
-#include "mordel.h"
+#include "live.h"
 
 namespace tool {
-
-struct live_stats {
-    u64 bytes = 0;
-    u64 packets = 0;
-    u32 drops = 0;
-    u32 backlog = 0;  // bytes that wait
-    u32 waiting = 0;  // packets that wait
-};
-
-struct live_curve {
-    u32 m1 = 0;  // bytes/s
-    u32 d = 0;   // us
-    u32 m2 = 0;  // bytes/s
-};
-
-struct live_class {
-    u32 id = 0;  // major in the high half, 0x10010 is 1:10
-    u32 parent = 0;
-    std::string kind;
-    u64 rate = 0;  // HTB: bytes/s
-    u64 ceil = 0;
-    double burst = 0;  // HTB: bytes, as near as the kernel's ticks allow
-    double cburst = 0;
-    u32 prio = 0;
-    std::optional<live_curve> rsc, fsc, usc;  // HFSC
-    live_stats stats;
-};
-
-struct live_qdisc {
-    u32 handle = 0;
-    u32 parent = 0;
-    std::string kind;
-    u32 default_class = 0;  // HTB, HFSC
-    u32 bands = 0;          // PRIO
-    std::vector<u8> priomap;
-    u32 limit = 0;  // pfifo: packets; RED, TBF: bytes
-    u32 perturb = 0;
-    u32 min = 0;
-    u32 max = 0;
-    u32 wlog = 0;      // RED: the weight of its average is 1/2^wlog
-    u64 rate = 0;      // TBF: bytes/s
-    double burst = 0;  // TBF: bytes
-    live_stats stats;
-};
-
-// A filter on the root qdisc
-struct live_filter {
-    u32 mark = 0;
-    u32 id = 0;          // of the class
-    bool plain = false;  // fw, for IP, of the scripts' priority, and nothing but mark and class
-};
-
-struct live_tree {
-    std::vector<live_qdisc> qdiscs;
-    std::vector<live_class> classes;  // those of the root qdisc
-    std::vector<live_filter> filters;
-    u32 queue_len = 0;  // of the interface, packets
-
-    const live_qdisc *root() const;  // that somebody put there; null: the kernel's default
-    const live_qdisc *leaf_of(u32 id) const;
-    const live_class *find(u32 id) const;
-};
 
 // None when the kernel does not answer; `why` says so.
 std::optional<live_tree> read_kernel(const std::string &ifname, std::string &why);

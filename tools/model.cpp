@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "root.h"
 #include "tarnic_iptables.h"
 #include "tarnic_qos.h"
 #include "text.h"
@@ -41,17 +42,19 @@ void model::declare(const policy_interface &iface)
     // The root parameters of every type begin where their union does.
     if (add_root_qdisc(iface.speeds, name, iface.root_type, &iface.param) != 0)
         refuse("root", iface.root_type);
-    if (iface.classful() && !iface.default_tree && del_class(name, 1) != 0) refuse("class", 1);
+    if (kind_of(iface).takes_classes && !iface.default_tree && del_class(name, 1) != 0)
+        refuse("class", 1);
     for (const policy_class &c : iface.classes) {
-        const void *param = &c.htb;
-        if (iface.root_type == R_HFSC) param = &c.hfsc;
-        if (!c.existing && add_class(name, c.parent, c.handle, param, nullptr) != 0)
-            refuse("class", c.handle);
-        if (c.has_leaf && add_leaf_qdisc(name, c.handle, &c.leaf) != 0) refuse("leaf", c.handle);
+        const u32 handle = c.handle.get();
+        if (!c.existing && add_class(name, c.parent.get(), handle, &c.param, nullptr) != 0)
+            refuse("class", handle);
+        if (c.leaf.is_good() && add_leaf_qdisc(name, handle, &c.leaf.get()) != 0)
+            refuse("leaf", handle);
     }
-    for (const policy_rule &rule : iface.rules)
-        if (add_qos_rule(name, rule.index, &rule.match, &rule.target) != 1)
-            refuse("rule", rule.index);
+    for (const policy_rule &rule : iface.rules) {
+        const auto index = static_cast<u8>(rule.index.get());
+        if (add_qos_rule(name, index, &rule.match, &rule.target) != 1) refuse("rule", index);
+    }
 }
 
 std::string script_text(const std::string &ifname, script which)

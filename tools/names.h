@@ -1,59 +1,40 @@
-// The library's numbers, and the names that policies and reports have for them.
+// The words that policies and reports have for the library's numbers: its own tables, and what
+// those leave out.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "mordel.h"
+#include "tarnic_iptables.h"
 
 namespace tool {
 
-// By qos_if.root_type, leaf_qdisc.type, qos_match.protocol, qos_match.alg
-inline constexpr std::string_view root_names[] = {"pfifo_fast", "htb", "hfsc", "prio"};
-inline constexpr std::string_view leaf_names[] = {"pfifo", "sfq", "red", "tbf"};
+// By qos_match.protocol: in a policy, and in a report
 inline constexpr std::string_view protocol_names[] = {"tcp", "udp", "icmp", "both", "all"};
-inline constexpr std::string_view alg_names[] = {"sip", "Q.931", "ftp"};
-
-// By bit: TCP flags, days
-inline constexpr std::string_view flag_names[] = {"SYN", "ACK", "FIN", "RST", "URG", "PSH"};
-inline constexpr std::string_view day_names[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-
-// By the id of a DSCP class
-inline constexpr std::string_view dscp_names[] = {
-    "CS0",  "CS1",  "CS2",  "CS3",  "CS4",  "CS5",  "CS6",  "CS7",  "BE",   "AF11", "AF12",
-    "AF13", "AF21", "AF22", "AF23", "AF31", "AF32", "AF33", "AF41", "AF42", "AF43", "EF"};
-
-// A TOS's name and its id, at the same place
-inline constexpr std::string_view tos_names[] = {"Minimize-Delay", "Maximize-Throughput",
-                                                 "Maximize-Reliability", "Minimize-Cost",
-                                                 "Normal-Service"};
-inline constexpr u32 tos_ids[] = {16, 8, 4, 2, 0};
-
-// Bits of qos_match.flags. The script says --vlan-id for the first and --vlan-prio for the second,
-// whatever their names in the library; a policy means what the script says.
-enum match_bit {
-    match_vlan_id,
-    match_vlan_prio,
-    match_mac,
-    match_ip,
-    match_dscp,
-    match_tos,
-    match_alg,
-    match_length,
-    match_protocol,
-    match_domain,
-    match_url
-};
-
-// Bits of qos_target.flags
-enum target_bit { target_mark, target_tos, target_dscp, target_mkvlan, target_log };
-
-// qos_match.protocol
-enum { protocol_tcp, protocol_udp, protocol_icmp, protocol_both, protocol_all };
+inline constexpr std::string_view protocol_texts[] = {"tcp", "udp", "icmp", "tcp+udp",
+                                                      "all protocols"};
+static_assert(std::size(protocol_names) == mordel::protocols);
+static_assert(std::size(protocol_texts) == mordel::protocols);
 
 // qos_match.dscp_mode, and qos_target.kind of a DSCP target
 enum { dscp_number, dscp_class };
 
+// Bits of qos_match.flags. The script says --vlan-id for the first and --vlan-prio for the second,
+// whatever their names in the library; a policy means what the script says.
+enum { match_vlan_id = mordel::QF_802_1P, match_vlan_prio = mordel::QF_802_1Q };
+
 constexpr bool has(u32 flags, u32 bit) { return (flags >> bit & 1) != 0; }
+
+// The texts of one of the library's tables, and the id of one of them, in either case.
+std::vector<std::string_view> texts_of(const txt_map *map);
+std::optional<u32> id_in(const txt_map *map, std::string_view word);
+
+// The names of the bits that are set, of a table whose ids are bits
+std::string bit_names(u32 bits, const txt_map *map, std::string_view between);
+
+bool same_word(std::string_view a, std::string_view b);
 
 }  // namespace tool

@@ -2,86 +2,86 @@
 // from. Nothing here touches the library's state or the kernel.
 #pragma once
 
+#include <array>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "diagnostics.h"
+#include "mainline.h"
 #include "mordel.h"
+#include "tarnic_iptables.h"
+#include "value.h"
 
 namespace tool {
 
-// Where the values of some keys stand: those that the checks may have something to say of. A small
-// list each, since there are three for every rule.
-class places {
-public:
-    void note(std::string_view key, position at);  // no other key is kept
-    bool has(std::string_view key) const { return find(key) != nullptr; }
-    position at(std::string_view key, position otherwise) const
-    {
-        const position *found = find(key);
-        return found == nullptr ? otherwise : *found;
-    }
-
-private:
-    const position *find(std::string_view key) const
-    {
-        for (const auto &[known, at] : all_)
-            if (known == key) return &at;
-        return nullptr;
-    }
-
-    std::vector<std::pair<std::string_view, position>> all_;
+struct htb_values {
+    value<u32> rate;  // kbit/s
+    value<u32> ceil;
+    value<u32> burst;  // bytes
+    value<u32> cburst;
+    value<u32> prio;
 };
 
+struct hfsc_values {
+    value<hfsc_curve> ul, sc, ls, rt;
+};
+
+// An entry [[interface.class]]
 struct policy_class {
-    position at;  // of the entry
+    position at;
+    value<u32> handle;
+    value<u32> parent;  // 0: the root qdisc
+    value<std::string> name;
+    bool existing = false;    // there without the entry: of the default tree, or a band
+    htb_values htb;           // of an HTB interface's class
+    hfsc_values hfsc;         // of an HFSC interface's class
+    qos_class_param param{};  // the same for the library; zeros for what is not good
+    value<leaf_qdisc> leaf;
+
+    bool placed() const { return handle.is_good() && parent.is_good(); }
+};
+
+// A class as the kernel will have it
+struct tree_class {
     u32 handle = 0;
     u32 parent = 0;
     std::string name;
-    bool placed = true;     // its parent could be read
-    bool existing = false;  // there without the entry: of the default tree, or a band
-    htb_class_param htb{};
-    hfsc_class_param hfsc{};
-    bool has_leaf = false;  // and it could be read whole
+    bool has_children = false;
+    qos_class_param param{};  // the member that the root type says; zeros for a band
     leaf_qdisc leaf{};
-    tool::places places;
+    const policy_class *entry = nullptr;  // null: comes by itself
 };
 
+// An entry [[interface.rule]]
 struct policy_rule {
     position at;
-    bool indexed = false;  // its index could be read
-    u8 index = 0;
+    value<u32> index;
+    value<u32> schedule;  // its index
     qos_match match{};
     qos_target target{};
-    places match_at;
-    places target_at;
+    // By the flag's bit: where the first key of a kind stands; the entry's where it does not.
+    std::array<position, mordel::match_kinds> match_at;
+    std::array<position, mordel::target_kinds> target_at;
 };
 
 struct policy_interface {
     position at;
     std::string name;
-    u32 root_type = R_HTB;
-    u32 speeds[4] = {};  // link_tx, link_rx, phy_tx, phy_rx: kbit/s
-    qos_root_param param{};
-    bool default_tree = true;
-    bool known = false;                 // its root type; without that nothing else is
-    bool handles_known = true;          // those of all classes could be read
-    std::vector<policy_class> classes;  // the entries, in the order of the file
-    std::vector<policy_rule> rules;     // likewise
     position name_at;
-    position default_at;
-    position link_at;  // of link_tx and phy_tx
-    position phy_at;
-    std::vector<position> automark_at;  // of the eight marks; empty without them
-
-    bool classful() const { return root_type == R_HTB || root_type == R_HFSC; }
-    const automark_value *automark() const
-    {
-        if (classful()) return &param.classful.automark;
-        return root_type == R_PRIO ? &param.prio.automark : nullptr;
-    }
+    u32 root_type = R_HTB;
+    bool known = false;  // its root type could be read; without that nothing else is
+    u32 speeds[4] = {};  // link_tx, link_rx, phy_tx, phy_rx: kbit/s
+    value<u32> link_tx;
+    value<u32> phy_tx;
+    qos_root_param param{};
+    bool default_tree = false;           // HTB, HFSC
+    value<u32> default_class;            // HTB, HFSC; 0: none
+    std::array<value<u32>, 8> automark;  // absent without automark
+    bool handles_known = true;           // those of all classes could be read
+    std::vector<tree_class> built_in;    // what comes by itself, in the order of the library's tree
+    std::vector<policy_class> classes;   // the entries, in the order of the file
+    std::vector<policy_rule> rules;      // likewise
 };
 
 struct policy_schedule {
@@ -93,28 +93,6 @@ struct policy {
     std::vector<policy_interface> interfaces;
     std::vector<policy_schedule> schedules;
 };
-
-// What the policy's kernel is: a mainline one knows less than a router's own.
-enum class kernel_kind { mainline, vendor };
-
-// A class as the kernel will have it: the entries of an interface and the classes that come by
-// themselves, in the order of the library's tree.
-struct tree_class {
-    u32 handle = 0;
-    u32 parent = 0;
-    std::string name;
-    bool has_children = false;
-    htb_class_param htb{};
-    hfsc_class_param hfsc{};
-    leaf_qdisc leaf{};
-    const policy_class *entry = nullptr;  // null: comes by itself
-};
-std::vector<tree_class> tree_of(const policy_interface &iface);
-const tree_class *find_class(const std::vector<tree_class> &tree, u32 handle);
-
-// The n for which 1/2^n is the weight that tc gives the average queue of a RED leaf: the largest
-// weight that lets a burst pass. 0 when there is none.
-u32 red_wlog(const red_leaf_param &red);
 
 // Reads and checks a policy. Whatever is wrong is in `found`; the result is of use only when
 // nothing of it is an error.

@@ -10,6 +10,7 @@
 #include "model.h"
 #include "rules.h"
 #include "text.h"
+#include "tree.h"
 
 namespace tool {
 namespace {

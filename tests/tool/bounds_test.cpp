@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "leaf.h"
 #include "policy.h"
 #include "text.h"
 

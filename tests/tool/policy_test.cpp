@@ -15,6 +15,7 @@
 
 #include "policy.h"
 #include "text.h"
+#include "tree.h"
 
 namespace {
 
@@ -486,7 +487,7 @@ TEST(Policy, TargetsAreRead)
     for (const auto &row : rows) {
         SCOPED_TRACE(row.text);
         const tool::policy_rule rule = rule_of("target = { " + row.text + " }\n");
-        EXPECT_EQ(rule.index, 7);
+        EXPECT_EQ(rule.index.get(), 7U);
         expect_record<qos_target>(rule.target, row.set);
     }
 }
@@ -497,24 +498,24 @@ TEST(Policy, ClassesAreRead)
         class_of("htb", "parent = 0xfff\nname = \"a b\"\nrate = \"2mbit\"\n"
                         "ceil = 3000\nprio = 7\nburst = \"6kb\"\n"
                         "cburst = 1500\n");
-    EXPECT_EQ(c.handle, 0x10U);
-    EXPECT_EQ(c.parent, 0xfffU);
-    EXPECT_EQ(c.name, "a b");
+    EXPECT_EQ(c.handle.get(), 0x10U);
+    EXPECT_EQ(c.parent.get(), 0xfffU);
+    EXPECT_EQ(c.name.get(), "a b");
     EXPECT_FALSE(c.existing);
-    EXPECT_FALSE(c.has_leaf);
-    expect_record<htb_class_param>(c.htb, [](auto &p) { p = {2000, 3000, 6144, 1500, 7}; });
+    EXPECT_TRUE(c.leaf.is_absent());
+    expect_record<htb_class_param>(c.param.htb, [](auto &p) { p = {2000, 3000, 6144, 1500, 7}; });
 
     const tool::policy_class plain = class_of("htb", "rate = 4294967295\n");
-    EXPECT_EQ(plain.parent, 1U);
-    expect_record<htb_class_param>(plain.htb, [](auto &p) {
+    EXPECT_EQ(plain.parent.get(), 1U);
+    expect_record<htb_class_param>(plain.param.htb, [](auto &p) {
         p = {0xffffffff, 0xffffffff, 0, 0, 0};
     });
 
     const tool::policy_class h = class_of(
         "hfsc", "parent = 0\nul = \"9mbit\"\nsc = { umax = 1500, dmax = \"20ms\", rate = 5 }\n"
                 "ls = { rate = \"1gbit\", dmax = \"1s\" }\nrt = { rate = 7, umax = \"2kb\" }\n");
-    EXPECT_EQ(h.parent, 0U);
-    expect_record<hfsc_class_param>(h.hfsc, [](auto &p) {
+    EXPECT_EQ(h.parent.get(), 0U);
+    expect_record<hfsc_class_param>(h.param.hfsc, [](auto &p) {
         p.ul = {0, 0, 9000};
         p.sc = {1500, 20, 5};
         p.ls = {0, 1000, 1000000};
@@ -530,15 +531,15 @@ TEST(Policy, EntriesForClassesThatAreThereAreTold)
         const auto iface = interface_of(tool::format("root = \"%s\"\n", root) + entries);
         ASSERT_EQ(iface.classes.size(), 1U);
         EXPECT_TRUE(iface.classes[0].existing);
-        EXPECT_EQ(iface.classes[0].name, "rest");
+        EXPECT_EQ(iface.classes[0].name.get(), "rest");
     }
     const auto bare = interface_of("root = \"htb\"\ndefault_tree = false\ndefault = 3\n" + entries +
                                    "rate = 5\n[[interface.class]]\nhandle = 1\nrate = 6\n");
     ASSERT_EQ(bare.classes.size(), 2U);
     EXPECT_FALSE(bare.default_tree);
     EXPECT_FALSE(bare.classes[0].existing);
-    EXPECT_EQ(bare.classes[0].htb.rate, 5U);
-    EXPECT_EQ(bare.classes[1].parent, 0U);
+    EXPECT_EQ(bare.classes[0].param.htb.rate, 5U);
+    EXPECT_EQ(bare.classes[1].parent.get(), 0U);
 }
 
 TEST(Policy, LeavesAreRead)
@@ -566,8 +567,8 @@ TEST(Policy, LeavesAreRead)
     for (const auto &row : rows) {
         SCOPED_TRACE(row.text);
         const auto c = class_of("htb", "rate = 9\nleaf = { " + row.text + " }\n");
-        EXPECT_TRUE(c.has_leaf);
-        expect_record<leaf_qdisc>(c.leaf, row.set);
+        EXPECT_TRUE(c.leaf.is_good());
+        expect_record<leaf_qdisc>(c.leaf.get(), row.set);
     }
 }
 

@@ -1,0 +1,60 @@
+// One thing that the kernel holds otherwise than the policy says, and a list of them.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "mordel.h"
+#include "text.h"
+#include "ticks.h"
+
+namespace tool {
+
+struct difference {
+    // What it takes to mend it: a new tree, a changed class, a changed or new leaf qdisc
+    enum class scope { tree, class_parameters, leaf } what = scope::tree;
+    u32 handle = 0;    // of the class; 0: of the root
+    std::string text;  // "ceil is 3mbit, not 20mbit"
+};
+
+class differences {
+public:
+    using scope = difference::scope;
+
+    void add(scope what, u32 handle, std::string text)
+    {
+        all_.push_back({what, handle, std::move(text)});
+    }
+    void number(scope what, u32 handle, const char *name, u32 seen, u32 wanted)
+    {
+        if (seen != wanted) add(what, handle, format("%s is %u, not %u", name, seen, wanted));
+    }
+    void rate(scope what, u32 handle, const char *name, u64 bytes_per_s, u32 wanted_kbit)
+    {
+        if (bytes_per_s != bytes_per_second(wanted_kbit))
+            add(what, handle,
+                format("%s is %s, not %s", name, exact_rate(bytes_per_s).c_str(),
+                       rate_text(wanted_kbit).c_str()));
+    }
+    // A burst of 0 is left to tc.
+    void burst(scope what, u32 handle, const char *name, double seen, u32 wanted, u32 kbit)
+    {
+        if (wanted != 0 && !near_burst(seen, wanted, bytes_per_second(kbit)))
+            add(what, handle, format("%s is %.0fb, not %ub", name, seen, wanted));
+    }
+
+    const std::vector<difference> &all() const { return all_; }
+
+    // "20mbit", and in bit/s what is no whole number of kbit/s
+    static std::string exact_rate(u64 bytes_per_s)
+    {
+        return bytes_per_s % 125 == 0 ? rate_text(bytes_per_s / 125)
+                                      : std::to_string(bytes_per_s * 8) + "bit";
+    }
+
+private:
+    std::vector<difference> all_;
+};
+
+}  // namespace tool

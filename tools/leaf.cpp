@@ -1,0 +1,318 @@
+// The table of the leaf kinds, and below each kind's name the functions that its row holds. Pure:
+// no file, no kernel, no state.
+#include "leaf.h"
+
+#include <linux/pkt_sched.h>
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cmath>
+#include <nlohmann/json.hpp>
+
+#include "tarnic_qos.h"
+#include "text.h"
+
+namespace tool {
+namespace {
+
+using std::string;
+using json = nlohmann::ordered_json;
+constexpr auto scope = difference::scope::leaf;
+
+void no_check(const leaf_qdisc &, position, diagnostics &) {}
+
+// ---- pfifo --------------------------------------------------------------------------------------
+
+leaf_qdisc read_pfifo(const toml::table &table, diagnostics &found)
+{
+    table_reader in(table, "a pfifo leaf", {"type", "limit"}, found);
+    leaf_qdisc leaf{};
+    leaf.param.pfifo.limit = in.number("limit", 0, no_limit).get();
+    return leaf;
+}
+
+void pfifo_from_kernel(live_qdisc &seen, const attribute &options, double)
+{
+    seen.limit = options.as<tc_fifo_qopt>().limit;
+}
+
+// A limit of 0 is left to tc.
+void compare_pfifo(u32 handle, const leaf_qdisc &wanted, const live_qdisc &seen, differences &found)
+{
+    if (wanted.param.pfifo.limit != 0)
+        found.number(scope, handle, "limit", seen.limit, wanted.param.pfifo.limit);
+}
+
+string pfifo_text(const leaf_qdisc &leaf)
+{
+    return leaf.param.pfifo.limit == 0 ? "pfifo" : format("pfifo limit %u", leaf.param.pfifo.limit);
+}
+
+json pfifo_json(const leaf_qdisc &leaf)
+{
+    return {{"type", "pfifo"}, {"limit_packets", leaf.param.pfifo.limit}};
+}
+
+// ---- SFQ ----------------------------------------------------------------------------------------
+
+leaf_qdisc read_sfq(const toml::table &table, diagnostics &found)
+{
+    table_reader in(table, "an sfq leaf", {"type", "perturb"}, found);
+    leaf_qdisc leaf{};
+    leaf.param.sfq.perturb = static_cast<u8>(in.number("perturb", 0, 255).get());
+    return leaf;
+}
+
+void sfq_from_kernel(live_qdisc &seen, const attribute &options, double)
+{
+    seen.perturb = static_cast<u32>(options.as<tc_sfq_qopt>().perturb_period);
+}
+
+void compare_sfq(u32 handle, const leaf_qdisc &wanted, const live_qdisc &seen, differences &found)
+{
+    found.number(scope, handle, "perturb", seen.perturb, wanted.param.sfq.perturb);
+}
+
+string sfq_text(const leaf_qdisc &leaf)
+{
+    return leaf.param.sfq.perturb == 0 ? "sfq" : format("sfq perturb %ds", leaf.param.sfq.perturb);
+}
+
+json sfq_json(const leaf_qdisc &leaf)
+{
+    return {{"type", "sfq"}, {"perturb_s", leaf.param.sfq.perturb}};
+}
+
+// ---- RED ----------------------------------------------------------------------------------------
+
+leaf_qdisc read_red(const toml::table &table, diagnostics &found)
+{
+    table_reader in(table, "a red leaf", {"type", "min", "max", "burst", "limit", "avpkt"}, found);
+    leaf_qdisc leaf{};
+    red_leaf_param &red = leaf.param.red;
+    in.must({"min", "max", "limit", "avpkt"}, "a size, in bytes");
+    in.must({"burst"}, "a number of packets");
+    red.min = in.size("min").get();
+    red.max = in.size("max").get();
+    red.burst = in.number("burst", 1, no_limit).get();
+    red.limit = in.size("limit").get();
+    red.avpkt = in.size("avpkt").get();
+    return leaf;
+}
+
+// tc and the kernel count the probability and the average in fixed-point numbers of 32 bits.
+void check_red_numbers(const red_leaf_param &red, position at, diagnostics &found)
+{
+    if (red.max > red.min && 0.02 / (red.max - red.min) * 0x1p31 <= 1)
+        found.error(at, "tc finds no probability for a red leaf with max so far above min;"
+                        " lower max");
+    else if (red_wlog(red) != 0 && std::bit_width(red.max) + red_wlog(red) >= 32)
+        found.error(at, "the kernel takes no red leaf of so large a max with so large a"
+                        " burst; lower one of them");
+}
+
+void check_red(const leaf_qdisc &leaf, position at, diagnostics &found)
+{
+    const red_leaf_param &red = leaf.param.red;
+    if (red.min == 0 || red.max == 0 || red.limit == 0 || red.avpkt == 0) {
+        found.error(at, "tc takes no 0 in a red leaf; give sizes");
+        return;
+    }
+    if (red.min >= red.max)
+        found.error(at, "a red leaf's min must be below its max; lower min or raise max");
+    else if (red.max > red.limit)
+        found.error(at, "a red leaf's max must not be above its limit; lower max or raise limit");
+    const bool short_burst = u64{red.burst} * red.avpkt < red.min;
+    if (!short_burst && red_wlog(red) == 0)
+        found.error(at, "tc finds no averaging constant for a red leaf's burst; lower it");
+    check_red_numbers(red, at, found);
+    if (short_burst)
+        found.error(at, format("a red leaf's burst must be at least min / avpkt packets, here %u",
+                               static_cast<u32>((u64{red.min} + red.avpkt - 1) / red.avpkt)));
+}
+
+void red_from_kernel(live_qdisc &seen, const attribute &options, double)
+{
+    each_attribute(options.value, [&](const attribute &a) {
+        if (a.type != TCA_RED_PARMS) return;
+        const auto red = a.as<tc_red_qopt>();
+        seen.limit = red.limit;
+        seen.min = red.qth_min;
+        seen.max = red.qth_max;
+        seen.wlog = red.Wlog;
+    });
+}
+
+// Of burst and avpkt the kernel tells what they come to: the weight of the average.
+void compare_red(u32 handle, const leaf_qdisc &wanted, const live_qdisc &seen, differences &found)
+{
+    const red_leaf_param &red = wanted.param.red;
+    found.number(scope, handle, "min", seen.min, red.min);
+    found.number(scope, handle, "max", seen.max, red.max);
+    found.number(scope, handle, "limit", seen.limit, red.limit);
+    found.number(scope, handle, "ewma", seen.wlog, red_wlog(red));
+}
+
+string red_text(const leaf_qdisc &leaf)
+{
+    const red_leaf_param &red = leaf.param.red;
+    return format("red min %s max %s limit %s avpkt %s burst %u packets",
+                  size_text(red.min).c_str(), size_text(red.max).c_str(),
+                  size_text(red.limit).c_str(), size_text(red.avpkt).c_str(), red.burst);
+}
+
+json red_json(const leaf_qdisc &leaf)
+{
+    const red_leaf_param &red = leaf.param.red;
+    return {{"type", "red"},
+            {"min_bytes", red.min},
+            {"max_bytes", red.max},
+            {"burst_packets", red.burst},
+            {"limit_bytes", red.limit},
+            {"avpkt_bytes", red.avpkt}};
+}
+
+// ---- TBF ----------------------------------------------------------------------------------------
+
+leaf_qdisc read_tbf(const toml::table &table, diagnostics &found)
+{
+    table_reader in(table, "a tbf leaf", {"type", "rate", "burst", "latency"}, found);
+    leaf_qdisc leaf{};
+    tbf_leaf_param &tbf = leaf.param.tbf;
+    in.must({"rate"}, "a rate");
+    in.must({"burst"}, "a size, in bytes");
+    in.must({"latency"}, "a time, in ms");
+    tbf.rate = in.rate("rate").get();
+    tbf.burst = in.size("burst").get();
+    tbf.latency = in.time("latency").get();
+    return leaf;
+}
+
+// What may wait: a latency's worth of bytes besides the burst
+double tbf_limit(const tbf_leaf_param &tbf)
+{
+    return static_cast<double>(bytes_per_second(tbf.rate)) * tbf.latency / 1e3 + tbf.burst;
+}
+
+void check_tbf(const leaf_qdisc &leaf, position at, diagnostics &found)
+{
+    const tbf_leaf_param &tbf = leaf.param.tbf;
+    if (tbf.rate == 0 || tbf.burst == 0 || tbf.latency == 0)
+        found.error(at, "tc takes no 0 in a tbf leaf; give rate, burst and latency");
+    else if (tbf_limit(tbf) > 4294967295.0)
+        found.error(at, "a tbf leaf's latency at its rate comes to more than 4 GiB, which tc"
+                        " cannot say; lower latency");
+    else if (takes_too_long(tbf.burst, tbf.rate))
+        found.error(at, burst_right);
+    else if (tbf.burst < 1514)
+        found.warning(at, "a tbf leaf drops packets longer than its burst; give 1514b or more");
+}
+
+void tbf_from_kernel(live_qdisc &seen, const attribute &options, double ticks_per_us)
+{
+    tc_tbf_qopt opt{};
+    u64 rate64 = 0;
+    each_attribute(options.value, [&](const attribute &a) {
+        if (a.type == TCA_TBF_PARMS) opt = a.as<tc_tbf_qopt>();
+        if (a.type == TCA_TBF_RATE64) rate64 = a.as<u64>();
+    });
+    seen.rate = rate64 != 0 ? rate64 : opt.rate.rate;
+    seen.limit = opt.limit;
+    seen.burst = bytes_of_ticks(opt.buffer, seen.rate, ticks_per_us);
+}
+
+void compare_tbf(u32 handle, const leaf_qdisc &wanted, const live_qdisc &seen, differences &found)
+{
+    const tbf_leaf_param &tbf = wanted.param.tbf;
+    found.rate(scope, handle, "tbf rate", seen.rate, tbf.rate);
+    found.burst(scope, handle, "tbf burst", seen.burst, tbf.burst, tbf.rate);
+    const double limit = tbf_limit(tbf);
+    if (std::abs(limit - seen.limit) > 1 + limit * 1e-6)
+        found.add(scope, handle, format("tbf limit is %ub, not %.0fb", seen.limit, limit));
+}
+
+string tbf_text(const leaf_qdisc &leaf)
+{
+    const tbf_leaf_param &tbf = leaf.param.tbf;
+    return format("tbf rate %s burst %s latency %ums", rate_text(tbf.rate).c_str(),
+                  size_text(tbf.burst).c_str(), tbf.latency);
+}
+
+json tbf_json(const leaf_qdisc &leaf)
+{
+    const tbf_leaf_param &tbf = leaf.param.tbf;
+    return {{"type", "tbf"},
+            {"latency_ms", tbf.latency},
+            {"rate_kbit", tbf.rate},
+            {"burst_bytes", tbf.burst}};
+}
+
+// ---- The table ----------------------------------------------------------------------------------
+
+// clang-format off
+constexpr leaf_kind kinds[] = {
+    {L_pfifo, "pfifo", true,
+     read_pfifo, no_check, pfifo_from_kernel, compare_pfifo, pfifo_text, pfifo_json},
+    {L_SFQ, "sfq", false,  // the kernel refuses to change one
+     read_sfq, no_check, sfq_from_kernel, compare_sfq, sfq_text, sfq_json},
+    {L_RED, "red", true,
+     read_red, check_red, red_from_kernel, compare_red, red_text, red_json},
+    {L_TBF, "tbf", true,
+     read_tbf, check_tbf, tbf_from_kernel, compare_tbf, tbf_text, tbf_json},
+};
+// clang-format on
+
+static_assert(std::size(kinds) == mordel::leaf_types, "a row for each L_…, and no other");
+static_assert(
+    [] {
+        for (u32 type = 0; type < std::size(kinds); ++type)
+            if (kinds[type].type != type) return false;
+        return true;
+    }(),
+    "the rows are in the order of their types");
+
+}  // namespace
+
+std::span<const leaf_kind> leaf_kinds() { return kinds; }
+
+const leaf_kind &kind_of(const leaf_qdisc &leaf) { return kinds[leaf.type]; }
+
+const leaf_kind *find_leaf_kind(std::string_view name)
+{
+    for (const leaf_kind &kind : kinds)
+        if (kind.name == name) return &kind;
+    return nullptr;
+}
+
+value<leaf_qdisc> read_leaf(const toml::table &table, diagnostics &found)
+{
+    static constexpr auto names = [] {
+        std::array<std::string_view, std::size(kinds)> all;
+        std::transform(std::begin(kinds), std::end(kinds), all.begin(),
+                       [](const leaf_kind &kind) { return kind.name; });
+        return all;
+    }();
+    const std::size_t before = found.errors();
+    table_reader in(table, "a leaf", found);
+    if (!in.has("type")) in.missing("type", joined(names));
+    const value<u32> type = in.word("type", names);
+    if (!type.is_good()) return value<leaf_qdisc>::wrong(in.at());
+    const leaf_kind &kind = kinds[type.get()];
+    leaf_qdisc leaf = kind.read(table, found);
+    leaf.type = kind.type;
+    return found.errors() == before ? value<leaf_qdisc>::good(leaf, in.at())
+                                    : value<leaf_qdisc>::wrong(in.at());
+}
+
+u32 red_wlog(const red_leaf_param &red)
+{
+    const double room = double(red.burst) + 1 - double(red.min) / red.avpkt;
+    for (u32 n = 1; n <= 31 && room >= 1; ++n) {
+        const double weight = std::ldexp(1.0, -static_cast<int>(n));
+        if (room <= (1 - std::pow(1 - weight, red.burst)) / weight) return n;
+    }
+    return 0;
+}
+
+}  // namespace tool

@@ -1,0 +1,19 @@
+// Which kernel a policy is for: a mainline one knows less than a router's own.
+#pragma once
+
+#include "diagnostics.h"
+#include "text.h"
+
+namespace tool {
+
+enum class kernel_kind { mainline, vendor };
+
+// Warns of what mainline kernels do not take. what: "a MAC match"; instead: "match addresses"
+inline void warn_of_mainline(diagnostics &found, position at, const char *what, const char *instead)
+{
+    found.warning(at, format("mainline kernels refuse %s; %s, or say --kernel vendor if"
+                             " yours takes it",
+                             what, instead));
+}
+
+}  // namespace tool

@@ -1,0 +1,33 @@
+// How tc and the kernel carry a burst: as the time that it takes at its rate, in ticks of 64 ns.
+#pragma once
+
+#include <cmath>
+
+#include "mordel.h"
+
+namespace tool {
+
+inline constexpr double usual_ticks_per_us = 15.625;  // every kernel's since 2009
+
+constexpr u64 bytes_per_second(u64 kbit) { return kbit * 125; }
+
+inline double bytes_of_ticks(u32 ticks, u64 bytes_per_s, double ticks_per_us)
+{
+    return static_cast<double>(bytes_per_s) * ticks / ticks_per_us / 1e6;
+}
+
+// The kernel keeps whole ticks, and tc counts in whole microseconds.
+inline bool near_burst(double seen, u32 wanted, u64 bytes_per_s)
+{
+    return std::abs(seen - wanted) <= 1 + static_cast<double>(bytes_per_s) * 2e-6;
+}
+
+// Ticks travel in 32 bits.
+inline bool takes_too_long(u32 bytes, u32 kbit)
+{
+    return kbit != 0 && bytes / (kbit * 125.0) * usual_ticks_per_us * 1e6 > 4294967295.0;
+}
+inline constexpr char burst_right[] =
+    "tc cannot say a burst that takes more than 274 s at its rate; lower it";
+
+}  // namespace tool

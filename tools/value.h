@@ -1,0 +1,46 @@
+// A value of a policy file: whether the file gives it, whether it is right, and where it stands.
+#pragma once
+
+#include <utility>
+
+#include "diagnostics.h"
+
+namespace tool {
+
+// absent: the file does not give it. wrong: it does, and the error has been reported already, so
+// that nobody reports what follows from it. good: it does, or a default stands for it.
+template <typename T>
+class value {
+public:
+    value() = default;
+    static value absent(position table) { return {state::absent, T{}, table}; }
+    static value wrong(position at) { return {state::wrong, T{}, at}; }
+    static value good(T v, position at) { return {state::good, std::move(v), at}; }
+
+    bool is_absent() const { return state_ == state::absent; }
+    bool is_wrong() const { return state_ == state::wrong; }
+    bool is_good() const { return state_ == state::good; }
+
+    // T{} unless good
+    const T &get() const { return value_; }
+    T get_or(T otherwise) const { return is_good() ? value_ : std::move(otherwise); }
+
+    // Of the value; of its table where it is absent.
+    position at() const { return at_; }
+
+    // What stands where the file gives nothing. A wrong value stays wrong.
+    void default_to(T otherwise)
+    {
+        if (is_absent()) *this = good(std::move(otherwise), at_);
+    }
+
+private:
+    enum class state : unsigned char { absent, wrong, good };
+    value(state s, T v, position at) : value_(std::move(v)), at_(at), state_(s) {}
+
+    T value_{};
+    position at_;
+    state state_ = state::absent;
+};
+
+}  // namespace tool
