@@ -5,6 +5,7 @@
 
 #include "policy.h"
 #include "show.h"
+#include "text.h"
 
 namespace {
 
@@ -46,6 +47,45 @@ TEST(Show, ATerminalGetsNamesInBoldAndWaysInDim)
         "\n"
         "schedule 1: every day, all day\n",
         tool::show_tree(p, {.colour = true, .utf8 = true}));
+}
+
+// The lines of a text that hold a piece
+string lines_with(const string &piece, const string &text)
+{
+    string found;
+    for (const string &line : tool::lines_of(text))
+        if (line.find(piece) != string::npos) found += line + "\n";
+    return found;
+}
+
+// A class of no curve has no line for curves. The script says "ul rate 0kbit" of it, no limit.
+TEST(Show, DotTakesAnHfscClassWithoutACurve)
+{
+    for (const char *keys : {"ul = 0\n", ""}) {
+        SCOPED_TRACE(keys);
+        const policy p = read(string("[[interface]]\nname = 'h'\nroot = 'hfsc'\nphy_tx = 9\n"
+                                     "link_tx = 8\n[[interface.class]]\nhandle = 0x10\n") +
+                              keys);
+        EXPECT_EQ("  \"h 1:10\" [label=\"1:10\\npfifo\"];\n",
+                  lines_with("label=\"1:10", tool::show_dot(p)));
+    }
+}
+
+// Only a leaf's rt is written: an inner class with an rt alone is sure of nothing.
+TEST(Show, AnInnerHfscClassHasNoShareOfItsRt)
+{
+    const string text = "[[interface]]\nname = 'h'\nroot = 'hfsc'\nphy_tx = '20mbit'\n"
+                        "link_tx = '10mbit'\ndefault = 2\n"
+                        "[[interface.class]]\nhandle = 0x10\nparent = 3\nul = '8mbit'\n"
+                        "rt = '4mbit'\n";
+    const auto bar = [](const string &policy_text) {
+        return lines_with(" of 1:3", tool::show_tree(read(policy_text), {}));
+    };
+    // As a leaf: 4 and 8 of 10 Mbit/s are 8 and 16 of 20 cells.
+    EXPECT_EQ("            ########========....  40% to 80% of 1:3\n", bar(text));
+    EXPECT_EQ("         |  ================....  0% to 80% of 1:3\n",
+              bar(text + "[[interface.class]]\nhandle = 0x11\nparent = 0x10\nul = '1mbit'\n"
+                         "sc = '1mbit'\n"));
 }
 
 }  // namespace
