@@ -291,14 +291,16 @@ void check_hfsc(const tree_class &c, const tree_class *parent, kernel_kind kerne
     for (const named_curve &curve : curves) check_curve(curve, found);
     check_written_curves(c, found);
     if (kernel == kernel_kind::vendor) return;
+    if (v.ul.get().rate != 0) {
+        if (!v.sc.is_wrong() && !v.ls.is_wrong() && v.sc.get().rate == 0 && v.ls.get().rate == 0)
+            warn_of_mainline(found, c.entry->at, "an HFSC class without sc and ls",
+                             "give one of them");
+    } else if (!v.ul.is_wrong()) {
+        warn_of_mainline(found, v.ul.at(), "an HFSC class whose ul is 0", "give ul a rate");
+    }
     for (const auto &[key, given] : curves)
         if (given.get().umax != 0 && given.get().dmax == 0)
             warn_of_mainline(found, given.at(), "a umax without a dmax", "give both");
-    if (v.ul.is_wrong()) return;
-    if (v.ul.get().rate == 0)
-        warn_of_mainline(found, v.ul.at(), "an HFSC class whose ul is 0", "give ul a rate");
-    else if (!v.sc.is_wrong() && !v.ls.is_wrong() && v.sc.get().rate == 0 && v.ls.get().rate == 0)
-        warn_of_mainline(found, c.entry->at, "an HFSC class without sc and ls", "give one of them");
 }
 
 void hfsc_from_kernel(live_class &seen, const attribute &options, double)
