@@ -1,6 +1,7 @@
 #include "faults.h"
 
 #include <fcntl.h>
+#include <net/if.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
@@ -43,6 +44,9 @@ std::mutex guard;
 thread_local bool busy;  // our own bookkeeping allocates too
 
 std::atomic<time_t> fixed_time;  // 0: the real one
+
+std::atomic<const std::function<void(int)> *> semop_body;
+thread_local bool in_semop_body;
 
 // Records a call; `fail` tells whether it is to fail. `result` then notes the descriptor it made.
 class noted {
@@ -109,15 +113,26 @@ bool watches_streams()
     }
 
 // A pthread function, which returns its error.
-#define WATCHED_PTHREAD(name, parameters, arguments)               \
+#define WATCHED_PTHREAD(name, parameters, record, arguments)       \
     int __real_##name parameters;                                  \
     int __wrap_##name parameters                                   \
     {                                                              \
-        const noted call(#name);                                   \
+        const noted call(#name, record);                           \
         return call.fail ? call.error() : __real_##name arguments; \
     }
 
 #define ON_FD test::call({"", "", fd, 0})
+#define WITH_FLAGS(flags) test::call({"", "", -1, flags})
+
+namespace {
+
+// A time-out in microseconds; -1 for none.
+int microseconds(const struct timeval *wait)
+{
+    return wait == nullptr ? -1 : static_cast<int>(wait->tv_sec * 1000000 + wait->tv_usec);
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -252,7 +267,11 @@ int __wrap_ioctl(int fd, unsigned long request, ...)
     va_start(args, request);
     void *arg = va_arg(args, void *);
     va_end(args);
-    const noted call("ioctl", {"", "", fd, static_cast<int>(request)});
+    // Those from SIOCGIFNAME to SIOCSIFHWBROADCAST are about one interface
+    std::string about;
+    if (request >= 0x8910 && request <= 0x8937)
+        about.assign(static_cast<const char *>(arg), sizeof(struct ifreq));
+    const noted call("ioctl", {"", about, fd, static_cast<int>(request)});
     return call.fail ? -1 : __real_ioctl(fd, request, arg);
 }
 
@@ -267,7 +286,7 @@ WATCHED_INT(connect, (int fd, const struct sockaddr *address, socklen_t length),
             (fd, address, length))
 WATCHED_INT(select,
             (int count, fd_set *readable, fd_set *writable, fd_set *urgent, struct timeval *wait),
-            test::call(), (count, readable, writable, urgent, wait))
+            WITH_FLAGS(microseconds(wait)), (count, readable, writable, urgent, wait))
 
 ssize_t __real_recvfrom(int, void *, size_t, int, struct sockaddr *, socklen_t *);
 ssize_t __wrap_recvfrom(int fd, void *bytes, size_t size, int flags, struct sockaddr *address,
@@ -280,10 +299,8 @@ ssize_t __wrap_recvfrom(int fd, void *bytes, size_t size, int flags, struct sock
 
 // ---- IPC ----------------------------------------------------------------------------------------
 
-WATCHED_INT(semget, (key_t key, int count, int flags), test::call({"", "", -1, flags}),
-            (key, count, flags))
-WATCHED_INT(shmget, (key_t key, size_t size, int flags), test::call({"", "", -1, flags}),
-            (key, size, flags))
+WATCHED_INT(semget, (key_t key, int count, int flags), WITH_FLAGS(flags), (key, count, flags))
+WATCHED_INT(shmget, (key_t key, size_t size, int flags), WITH_FLAGS(flags), (key, size, flags))
 
 union semctl_argument {
     int value;
@@ -315,19 +332,24 @@ int __wrap_semop(int id, struct sembuf *operations, size_t count)
     if (operations->sem_op > 0) __tsan_release(lock);
     const int result = __real_semop(id, operations, count);
     if (operations->sem_op < 0 && result == 0) __tsan_acquire(lock);
-    return result;
 #else
-    return __real_semop(id, operations, count);
+    const int result = __real_semop(id, operations, count);
 #endif
+    if (const auto *body = semop_body.load(); body != nullptr && !in_semop_body) {
+        in_semop_body = true;
+        (*body)(operations->sem_op);
+        in_semop_body = false;
+    }
+    return result;
 }
 
 // ---- Threads ------------------------------------------------------------------------------------
 
 WATCHED_PTHREAD(pthread_create,
                 (pthread_t * thread, const pthread_attr_t *attr, void *(*body)(void *), void *arg),
-                (thread, attr, body, arg))
-WATCHED_PTHREAD(pthread_setcancelstate, (int state, int *old), (state, old))
-WATCHED_PTHREAD(pthread_setcanceltype, (int type, int *old), (type, old))
+                test::call(), (thread, attr, body, arg))
+WATCHED_PTHREAD(pthread_setcancelstate, (int state, int *old), WITH_FLAGS(state), (state, old))
+WATCHED_PTHREAD(pthread_setcanceltype, (int type, int *old), WITH_FLAGS(type), (type, old))
 
 unsigned __real_sleep(unsigned);
 unsigned __wrap_sleep(unsigned seconds)
@@ -345,6 +367,15 @@ time_t __wrap_time(time_t *out)
     if (fixed == 0) return __real_time(out);
     if (out != nullptr) *out = fixed;
     return fixed;
+}
+
+int __real_clock_gettime(clockid_t, struct timespec *);
+int __wrap_clock_gettime(clockid_t clock, struct timespec *out)
+{
+    const time_t fixed = fixed_time.load();
+    if (fixed == 0) return __real_clock_gettime(clock, out);
+    *out = {fixed, 0};
+    return 0;
 }
 
 }  // extern "C"
@@ -387,6 +418,12 @@ bool watch::failed() const
     const std::lock_guard lock(guard);
     return current.load()->failed;
 }
+
+behind_semop::behind_semop(std::function<void(int)> body) : body_(std::move(body))
+{
+    semop_body = &body_;
+}
+behind_semop::~behind_semop() { semop_body = nullptr; }
 
 clock_at::clock_at(time_t now) { set(now); }
 clock_at::~clock_at() { set(0); }

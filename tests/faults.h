@@ -3,6 +3,7 @@
 #pragma once
 
 #include <ctime>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -14,10 +15,13 @@ struct call {
     std::string function;  // "open"
     std::string text;      // open, unlink: the path; fopen: "PATH MODE"; rename: "FROM TO";
                            // socket: the protocol's number; fcntl: the argument's;
+                           // ioctl about an interface: its struct ifreq;
                            // write, stream write: the bytes; system, popen: the command
     int fd = -1;           // open, socket, accept4: what it returned; what takes one: its argument
     int flags = 0;         // open: its flags; socket: its type; ioctl, fcntl: the request;
                            // recvfrom: the room for an address, -1 without one;
+                           // select: the time-out in microseconds, -1 without one;
+                           // pthread_setcancelstate, _setcanceltype: what is set;
                            // sleep: the seconds
 };
 
@@ -39,7 +43,20 @@ public:
     bool failed() const;              // whether the fault was reached
 };
 
-// While it lives, time() tells what it is set to.
+// While it lives, a body runs behind every semop, on that semop's thread; it is given the step, -1
+// when a lock was taken and 1 when one was given back.
+class behind_semop {
+public:
+    explicit behind_semop(std::function<void(int)> body);
+    ~behind_semop();
+    behind_semop(const behind_semop &) = delete;
+    behind_semop &operator=(const behind_semop &) = delete;
+
+private:
+    std::function<void(int)> body_;
+};
+
+// While it lives, time() and clock_gettime() tell what it is set to.
 class clock_at {
 public:
     explicit clock_at(time_t now);

@@ -36,7 +36,7 @@ public:
     explicit child(const std::function<int()> &body) : pid_(::fork())
     {
         if (pid_ == 0) {
-            ::alarm(20);
+            ::alarm(300);
             ::_exit(body());
         }
         EXPECT_LT(0, pid_);

@@ -601,6 +601,27 @@ TEST_F(InterfaceAddress, IsAskedOnOneRawSocketThatIsClosed)
     }
 }
 
+// What the stack held before must not reach the kernel, which would read an address family there.
+TEST_F(InterfaceAddress, RequestIsZeroBehindTheName)
+{
+    const auto soil_the_stack = [] {
+        volatile char soil[8192];
+        for (volatile char &byte : soil) byte = '\x02';  // AF_INET is 0x0002 or 0x0200
+    };
+    for (const auto &query : queries) {
+        SCOPED_TRACE(query.name);
+        const test::watch watch;
+        answer out = nothing;
+        soil_the_stack();
+        EXPECT_EQ(0, query.ask("eth0", out));
+        const auto requests = watch.calls("ioctl");
+        ASSERT_FALSE(requests.empty());
+        std::string expected(sizeof(struct ifreq), '\0');
+        expected.replace(0, 4, "eth0");
+        EXPECT_EQ(expected, requests[0].text);
+    }
+}
+
 TEST_F(InterfaceAddress, FailureOfAnyStepChangesNothing)
 {
     for (const auto &query : queries) {

@@ -115,7 +115,7 @@ protected:
     {
         silent_test::SetUp();
         descriptors_ = test::open_descriptors();
-        ::alarm(60);  // a call that hangs ends the program
+        ::alarm(300);  // a call that hangs ends the program
     }
 
     void TearDown() override
@@ -1372,8 +1372,9 @@ TEST_F(SocketRecv, WaitingForAllLetsAPeekSeeWhatComesLater)
 {
     const auto [fd, other] = tcp_pair();
     put_in(other, "abcd");
-    std::thread later([&, to = other] {
-        ::usleep(50000);
+    const test::watch watch;
+    std::thread later([&, to = other] {  // when the call has begun
+        EXPECT_TRUE(test::eventually([&] { return !watch.calls("recvfrom").empty(); }));
         put_in(to, "efgh");
     });
     const outcome got = received(fd, SOCKET_OPT_RECV_PEEK | SOCKET_OPT_RECV_WAITALL, 8);

@@ -250,7 +250,7 @@ void shell(const std::string &command)
 
 bool eventually(const std::function<bool()> &holds)
 {
-    for (int i = 0; i < 1000; ++i) {
+    for (int i = 0; i < 12000; ++i) {
         if (holds()) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
