@@ -3,7 +3,8 @@
  *     echo_service ADDRESS PORT
  *
  * One listening socket, and one dispatcher thread for it and all its clients. The dispatcher only
- * says what happened; the handlers do all reading and closing.
+ * says what happened; the handlers do all reading and closing. It serves as many clients at a time
+ * as it has descriptors for; those who come later wait until one has left.
  */
 #define _POSIX_C_SOURCE 200809L
 
@@ -11,15 +12,24 @@
 
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
-enum { BACKLOG = 128 };
+enum {
+    BACKLOG = 128,
+    OTHERS = 8 /* descriptors that are no client's: the standard ones, the listener, a trace's */
+};
 
 /* What main and the dispatcher tell each other */
 static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 static pthread_cond_t changed = PTHREAD_COND_INITIALIZER;
 static int asked_to_end; /* main has had its signal */
 static int has_ended;    /* the dispatcher calls no more handlers */
+
+/* The dispatcher's own, once it runs */
+static int listener;
+static long clients;
+static long capacity; /* clients at a time, at least 1 */
 
 /* ---- Handlers: all on the dispatcher's thread, one at a time ---------------------------- */
 
@@ -31,6 +41,7 @@ static int on_accept(pthread_t self, int new_fd, ipport *peer)
     (void)self;
     printf("%d: from %u.%u.%u.%u:%u\n", new_fd, ip[0], ip[1], ip[2], ip[3],
            port[0] * 256U + port[1]);
+    ++clients;
     return 0;
 }
 
@@ -52,12 +63,21 @@ static int on_close(pthread_t self, int fd)
 {
     (void)self;
     printf("%d: closed\n", fd);
+    --clients;
     return socket_close(fd);
 }
 
 static int on_pass(pthread_t self, fd_set *watch, int *exit_flag)
 {
-    (void)self, (void)watch;
+    (void)self;
+    /* While it is not watched, newcomers wait in its backlog. watch is null when the pass timed
+     * out, and then no client has come or left. */
+    if (watch != NULL) {
+        if (clients < capacity)
+            FD_SET(listener, watch);
+        else
+            FD_CLR(listener, watch);
+    }
     pthread_mutex_lock(&lock);
     if (asked_to_end) *exit_flag = 1;
     pthread_mutex_unlock(&lock);
@@ -90,6 +110,18 @@ static int on_exit_dispatcher(pthread_t self, int reason)
 
 /* ----------------------------------------------------------------------------------------- */
 
+/* How many clients there are descriptors for: of those that this process may have, and of those
+ * that select can watch. */
+static long room_for_clients(void)
+{
+    struct rlimit limit;
+    long most = FD_SETSIZE;
+
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < FD_SETSIZE)
+        most = (long)limit.rlim_cur;
+    return most > OTHERS ? most - OTHERS : 1;
+}
+
 static int fail(const char *what)
 {
     fprintf(stderr, "echo_service: %s (/var/tmp/tarnic.log says more)\n", what);
@@ -105,7 +137,6 @@ int main(int argc, char **argv)
     pthread_t dispatcher;
     sigset_t signals;
     int signal_number;
-    int fd;
 
     if (port < 1 || port > 65535) {
         fprintf(stderr, "usage: echo_service ADDRESS PORT\n");
@@ -120,8 +151,9 @@ int main(int argc, char **argv)
     pthread_sigmask(SIG_BLOCK, &signals, NULL);
 
     setvbuf(stdout, NULL, _IOLBF, 0);
-    if (socket_listen(&here, SOCKET_OPT_TCP, BACKLOG, &fd) != 0) return fail("cannot listen");
-    if (socket_select(fd, 0, 0, 200000, &handlers, &dispatcher) != 0)
+    if (socket_listen(&here, SOCKET_OPT_TCP, BACKLOG, &listener) != 0) return fail("cannot listen");
+    capacity = room_for_clients();
+    if (socket_select(listener, 0, 0, 200000, &handlers, &dispatcher) != 0)
         return fail("cannot start the dispatcher");
     printf("listening on %s:%ld\n", argv[1], port);
 
@@ -130,7 +162,7 @@ int main(int argc, char **argv)
     asked_to_end = 1;
     while (!has_ended) pthread_cond_wait(&changed, &lock);
     pthread_mutex_unlock(&lock);
-    socket_close(fd);
+    socket_close(listener);
     printf("ended\n");
     return 0;
 }

@@ -720,15 +720,31 @@ int get_socket_local(int fd, ipport *out);
  * handlers. It reads nothing and closes nothing: the handlers do.
  *
  *  1. All handlers of a dispatcher run on its thread, one at a time. Their results are ignored.
- *  2. It ends when loop_hdlr sets its exit flag to 1, when the peer of a socket that does not
- *     listen closes, on an error, or by pthread_cancel. Cancellation is asynchronous: it strikes
- *     anywhere, in a handler too, and then no exit_hdlr is called and the thread's record is lost.
- *     The thread is detached: once exit_hdlr was called its id is void.
- *  3. A watched descriptor is closed in close_hdlr, or after FD_CLR from loop_hdlr's watch: closed
+ *  2. It ends when loop_hdlr sets its exit flag to 1, when close_hdlr was called for a socket that
+ *     does not listen, on an error, or by pthread_cancel. The thread is detached: once exit_hdlr
+ *     was called its id is void.
+ *  3. Cancellation is asynchronous: it strikes anywhere, in a handler too, and calls no exit_hdlr.
+ *     Lost with the thread are its record's memory; a connection that was accepted and not yet told
+ *     to accept_hdlr, and a trace file that was open, which stay open; and every lock that a
+ *     handler held, those of malloc and stdio included, which stay taken. The exit flag loses
+ *     nothing.
+ *  4. A watched descriptor is closed in close_hdlr, or after FD_CLR from loop_hdlr's watch: closed
  *     elsewhere it makes select fail. Shut it down elsewhere, and close_hdlr comes.
- *  4. Descriptors of FD_SETSIZE (1024) and more cannot be watched: such a connection is closed as
- *     soon as it is accepted. While the process is out of descriptors, no connection is accepted
- *     and the thread does not rest.
+ *  5. An empty datagram ends the dispatcher of a datagram socket, as if its peer had closed.
+ *     Whoever can send to the socket can do that: connect it to its peer, or be ready to start
+ *     another.
+ *  6. Descriptors of FD_SETSIZE (1024) and more cannot be watched: such a connection is closed as
+ *     soon as it is accepted.
+ *  7. Where accept fails for want of descriptors or memory, the connection waits in the backlog.
+ *     The next pass leaves the listening socket out, serves the clients, and lasts 10 ms at most;
+ *     its end is no time-out. Then accept is tried again.
+ *  8. Better is a capacity, which loop_hdlr keeps where its watch is not null:
+ *         if (clients < capacity) FD_SET(listener, watch); else FD_CLR(listener, watch);
+ *     with clients counted in accept_hdlr and close_hdlr. Newcomers then wait in the backlog. No
+ *     other descriptor may be set.
+ *  9. Of two acceptors on one listening socket (threads or processes) both wake for a connection,
+ *     and the slower waits in accept for the next one: meanwhile it serves no client and sees no
+ *     time-out and no exit flag. With O_NONBLOCK set on the socket it goes on at once.
  */
 
 typedef struct socket_select_handlers {
@@ -736,18 +752,23 @@ typedef struct socket_select_handlers {
     int (*accept_hdlr)(pthread_t self, int new_fd, ipport *peer);
     /* Bytes are pending. */
     int (*recv_hdlr)(pthread_t self, int fd);
-    /* The peer has closed (or an empty datagram came). fd is open, and not watched any more when
-     * this returns. */
+    /* fd has no bytes pending: its peer has closed; an error is pending, such as a reset, or for a
+     * connected datagram socket a refusal; an empty datagram came; the count could not be read
+     * (FIONREAD failed); or select failed, see error_hdlr. fd is open, and not watched any more
+     * when this returns. */
     int (*close_hdlr)(pthread_t self, int fd);
-    /* A pass has ended. watch: the watched descriptors; null when the pass timed out.
-     * exit_flag: 1 ends the dispatcher. */
+    /* A pass has ended. watch: the watched descriptors, of which some may be cleared; null when the
+     * pass timed out. exit_flag: 1 ends the dispatcher. */
     int (*loop_hdlr)(pthread_t self, fd_set *watch, int *exit_flag);
     /* Nothing happened for the time-out. watch: as above, never null. */
     int (*timeout_hdlr)(pthread_t self, fd_set *watch);
-    /* code 1: cancellation could not be set up, the dispatcher ends; 2: select failed, it ends
-     * unless this pass's loop_hdlr, which finds the exit flag at 1, sets it to something else. */
+    /* code 1: cancellation could not be set up, the dispatcher ends; 2: select failed, and all that
+     * is watched counts as ready: a listening socket alone is looked at, without one a descriptor
+     * that has no bytes gets close_hdlr. The dispatcher then ends unless this pass's loop_hdlr,
+     * which finds the exit flag at 1, sets it to something else. */
     int (*error_hdlr)(pthread_t self, int code);
-    /* The dispatcher ends. reason 0: exit flag or error; 3: the peer has closed. */
+    /* The dispatcher ends. reason 0: exit flag or error; 3: the socket, which does not listen, got
+     * close_hdlr. */
     int (*exit_hdlr)(pthread_t self, int reason);
 } socket_select_handlers;
 
@@ -760,7 +781,9 @@ typedef struct socket_select_handlers {
  * Returns 0; 1 on failure. Traces "malloc fail!!", "pthread handler set error",
  * "fd F isn't a Socket FD", "getsockopt fail", "fd F is too large for select" or
  * "pthread create error"; the thread traces "get ExitFlag pid=P,ppid=Q" when it is told to end
- * after a time-out, "Exit pid=P,ppid=Q" when it ends, and "fd F is too large for select". */
+ * after a time-out, "Exit pid=P,ppid=Q" when it ends, and, for connections that it closes because
+ * of their descriptors, once a minute at most, "fd F is too large for select, connections refused
+ * so far: N". */
 int socket_select(int fd, u32 reserved, u32 seconds, u32 microseconds,
                   const socket_select_handlers *handlers, pthread_t *thread_out);
 

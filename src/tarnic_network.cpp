@@ -11,12 +11,15 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <ctime>
 #include <iterator>
+#include <utility>
 
 #include "guards.h"
 #include "list_range.h"
@@ -269,7 +272,7 @@ int socket_open(const char *ifname, const ipport *addr, u32 options, int *fd_out
     const int on = 1;
     if ((options & SOCKET_OPT_REUSE) != 0 &&
         ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
-        // No blank behind "set", on purpose
+        // No nk behind "set", on purpose
         TRACE_FILE("%s set%s SOCKET_OPT_REUSE failed. fd=%d\n", text_of(word_socket),
                    text_of(word_sockopt), fd.get());
         return 1;
@@ -381,49 +384,57 @@ bool start_detached(void *(*body)(void *), void *arg, pthread_t *thread)
     return error == 0;
 }
 
-// Whether there is something to read; what cannot be asked counts as closed.
+// Whether a readable socket has bytes. A socket whose count cannot be read has none, and so counts
+// as closed.
 bool has_bytes(int fd)
 {
     int pending = 0;
     return ::ioctl(fd, FIONREAD, &pending) == 0 && pending != 0;
 }
 
-// The descriptors that a dispatcher watches, and their span, which never shrinks.
-struct watch_set {
-    fd_set fds;
-    int lowest;
-    int highest;
+// What a dispatcher keeps from one pass to the next, on its thread's stack.
+struct dispatch_state {
+    fd_set watch;  // handlers get its address, and may clear and set descriptors
+    int lowest;    // of all descriptors ever watched; never rises
+    int highest;   // of all descriptors ever watched; never falls
+    int exit_flag = 0;
+    bool starved = false;   // the last pass could not accept, see is_shortage
+    u32 refused = 0;        // connections whose descriptor select cannot watch
+    time_t refusal_at = 0;  // when one was last traced, by the monotonic clock
 
-    explicit watch_set(int fd) : lowest(fd), highest(fd)
+    explicit dispatch_state(int fd) : lowest(fd), highest(fd)
     {
-        FD_ZERO(&fds);
-        FD_SET(fd, &fds);
+        FD_ZERO(&watch);
+        FD_SET(fd, &watch);
     }
     void add(int fd)
     {
-        FD_SET(fd, &fds);
+        FD_SET(fd, &watch);
         lowest = std::min(lowest, fd);
         highest = std::max(highest, fd);
     }
 };
 
-// A readable socket: true when it has closed, and is no longer watched.
-bool serve(const socket_select_ctx &ctx, int fd, watch_set *watch)
+// Calls the handler of a readable socket. Returns true when the socket has closed; it is then no
+// longer watched.
+bool serve(const socket_select_ctx &ctx, int fd, dispatch_state *state)
 {
     if (has_bytes(fd)) {
         ctx.handlers.recv_hdlr(ctx.self, fd);
         return false;
     }
     ctx.handlers.close_hdlr(ctx.self, fd);
-    FD_CLR(fd, &watch->fds);
+    FD_CLR(fd, &state->watch);
     return true;
 }
 
-// The next connection, close-on-exec; -1 when there is none. It may have gone again since select,
-// or select may have failed: accept alone would then wait, and the dispatcher with it. (Another
-// acceptor on the same socket can still be quicker.)
+// Accepts a connection, close-on-exec. Returns -1 when there is none, with errno 0 when nobody
+// waits. accept alone would block the dispatcher when the client has gone again since select, or
+// when select has failed; poll is asked first for that. (Another acceptor on the same socket can
+// still take the connection between poll and accept.)
 int accept_waiting(int listening, ipport *peer)
 {
+    errno = 0;
     struct pollfd waiting = {listening, POLLIN, 0};
     if (::poll(&waiting, 1, 0) <= 0) return -1;
     struct sockaddr_in address {};
@@ -433,7 +444,76 @@ int accept_waiting(int listening, ipport *peer)
     return fd;
 }
 
-// Asynchronously: who cancels wants the thread gone wherever it is, in a handler too.
+// Whether accept failed for want of descriptors or memory. The connection then stays in the
+// listener's queue, and select goes on to call the listener ready.
+bool is_shortage(int error)
+{
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+// Traces a connection that was refused; a client that connects again and again must not fill the
+// log, so a dispatcher traces one such line a minute.
+void trace_refusal(int fd, dispatch_state *state)
+{
+    constexpr time_t seconds_apart = 60;
+    struct timespec now {};
+    (void)::clock_gettime(CLOCK_MONOTONIC, &now);
+    const bool first = state->refused++ == 0;
+    if (!first && now.tv_sec - state->refusal_at < seconds_apart) return;
+    state->refusal_at = now.tv_sec;
+    TRACE_FILE("fd %d is too large for select, connections refused so far: %u\n", fd,
+               state->refused);
+}
+
+// Accepts one connection and hands it to accept_hdlr.
+void accept_one(const socket_select_ctx &ctx, dispatch_state *state)
+{
+    ipport peer;
+    fd_guard fresh{accept_waiting(ctx.fd, &peer)};
+    if (!fresh) {
+        state->starved = is_shortage(errno);
+    } else if (fresh.get() >= FD_SETSIZE) {
+        trace_refusal(fresh.get(), state);
+    } else {
+        const int fd = fresh.release();  // the handlers' from here on
+        state->add(fd);
+        ctx.handlers.accept_hdlr(ctx.self, fd, &peer);
+    }
+}
+
+// Waits for a watched descriptor, as select does. A starved dispatcher leaves its listener out and
+// waits 10 ms at most: a listener that cannot accept stays ready, and with it every pass would be
+// one more vain attempt, in which no client is served.
+int wait_ready(const socket_select_ctx &ctx, const dispatch_state &state, bool starved,
+               fd_set *ready)
+{
+    constexpr struct timeval rest = {0, 10000};
+    struct timeval wait = ctx.timeout;
+    bool bounded = ctx.has_timeout != 0;
+    *ready = state.watch;
+    if (starved) {
+        FD_CLR(ctx.fd, ready);
+        if (!bounded || timercmp(&rest, &wait, <)) wait = rest;
+        bounded = true;
+    }
+    return ::select(state.highest + 1, ready, nullptr, nullptr, bounded ? &wait : nullptr);
+}
+
+// Calls the handlers of what is ready. Returns true when the peer of a socket that does not listen
+// has closed, which ends the dispatcher.
+bool dispatch(const socket_select_ctx &ctx, const fd_set &ready, dispatch_state *state)
+{
+    if (ctx.listening == 0) return FD_ISSET(ctx.fd, &ready) && serve(ctx, ctx.fd, state);
+    if (FD_ISSET(ctx.fd, &ready)) {
+        accept_one(ctx, state);  // and nothing else in this pass
+        return false;
+    }
+    for (int fd = state->lowest; fd <= state->highest; ++fd)
+        if (FD_ISSET(fd, &ready)) (void)serve(ctx, fd, state);
+    return false;
+}
+
+// Lets pthread_cancel end this thread wherever it is, in a handler too: callers rely on it.
 bool allow_cancel()
 {
     return ::pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr) == 0 &&
@@ -446,55 +526,41 @@ void *socket_select_hdlr(void *arg)
     const heap_guard<socket_select_ctx> ctx{static_cast<socket_select_ctx *>(arg)};
     const socket_select_handlers &on = ctx->handlers;
     const pthread_t self = ctx->self = ::pthread_self();
-    watch_set watch(ctx->fd);
-    int exit_flag = 0;
+    dispatch_state state(ctx->fd);
     bool peer_closed = false;
     if (!allow_cancel()) {
         on.error_hdlr(self, 1);
-        exit_flag = 1;
+        state.exit_flag = 1;
     }
-    while (exit_flag != 1 && !peer_closed) {
-        struct timeval wait = ctx->timeout;
-        fd_set ready = watch.fds;
-        const int count = ::select(watch.highest + 1, &ready, nullptr, nullptr,
-                                   ctx->has_timeout != 0 ? &wait : nullptr);
+    while (state.exit_flag != 1 && !peer_closed) {
+        // A listener that loop_hdlr has taken off the watch since is in nobody's way.
+        const bool starved = std::exchange(state.starved, false) && FD_ISSET(ctx->fd, &state.watch);
+        fd_set ready;
+        const int count = wait_ready(*ctx, state, starved, &ready);
         if (count < 0) {
             if (errno == EINTR || errno == EAGAIN) continue;
             // The pass goes on, with all that is watched; loop_hdlr may yet withdraw the flag.
             on.error_hdlr(self, 2);
-            exit_flag = 1;
+            state.exit_flag = 1;
+            ready = state.watch;
         }
-        if (count == 0 && ctx->has_timeout != 0) {
-            on.timeout_hdlr(self, &watch.fds);
-            if (on.loop_hdlr != nullptr) on.loop_hdlr(self, nullptr, &exit_flag);
-            if (exit_flag == 1)
+        // The rest of a starved dispatcher is no time-out: a connection is waiting.
+        if (count == 0 && ctx->has_timeout != 0 && !starved) {
+            on.timeout_hdlr(self, &state.watch);
+            if (on.loop_hdlr != nullptr) on.loop_hdlr(self, nullptr, &state.exit_flag);
+            if (state.exit_flag == 1)
                 TRACE_FILE("get ExitFlag pid=%d,ppid=%d\n", ::getpid(), ::getppid());
             continue;
         }
-        if (ctx->listening == 0) {
-            peer_closed = FD_ISSET(ctx->fd, &ready) && serve(*ctx, ctx->fd, &watch);
-            if (peer_closed) continue;
-        } else if (!FD_ISSET(ctx->fd, &ready)) {
-            for (int fd = watch.lowest; fd <= watch.highest; ++fd)
-                if (FD_ISSET(fd, &ready)) (void)serve(*ctx, fd, &watch);
-        } else {
-            // One connection, and nothing else in this pass
-            ipport peer;
-            fd_guard fresh{accept_waiting(ctx->fd, &peer)};
-            if (fresh.get() >= FD_SETSIZE) {
-                TRACE_FILE("fd %d is too large for select\n", fresh.get());
-            } else if (fresh) {
-                const int fd = fresh.release();  // the handlers' from here on
-                watch.add(fd);
-                on.accept_hdlr(self, fd, &peer);
-            }
-        }
-        if (on.loop_hdlr != nullptr) on.loop_hdlr(self, &watch.fds, &exit_flag);
+        peer_closed = dispatch(*ctx, ready, &state);
+        if (!peer_closed && on.loop_hdlr != nullptr)
+            on.loop_hdlr(self, &state.watch, &state.exit_flag);
     }
     if (peer_closed) on.exit_hdlr(self, 3);
     TRACE_FILE("Exit pid=%d,ppid=%d\n", ::getpid(), ::getppid());
     if (!peer_closed) on.exit_hdlr(self, 0);
-    // Cancelled while it frees the record, the thread would leave the heap locked.
+    // No cancellation from here on: one that struck while free holds the heap's lock would leave
+    // the heap locked for the whole process.
     (void)::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     return nullptr;
 }

@@ -29,6 +29,7 @@
 #include <map>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -99,7 +100,7 @@ journal times(int n, const journal &lines)
 bool arrives(int fd, short events)
 {
     pollfd p{fd, events, 0};
-    return ::poll(&p, 1, 10000) == 1;
+    return ::poll(&p, 1, 120000) == 1;
 }
 
 // Waits for bytes, a connection, a peer's end or an error.
@@ -301,6 +302,25 @@ protected:
         return fd;
     }
 
+    void close_all()
+    {
+        for (const int fd : open_) EXPECT_EQ(0, ::close(fd)) << fd;
+        open_.clear();
+        clients_.clear();
+        client_at_.clear();
+        accepted_.clear();
+        names_.clear();
+    }
+
+    // Takes every number below FD_SETSIZE; returns the last.
+    int fill_the_watchable()
+    {
+        const int file = own(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+        int last = file;
+        while (last < FD_SETSIZE - 1) last = own(::fcntl(file, F_DUPFD_CLOEXEC, 0));
+        return last;
+    }
+
     void drop(int fd)
     {
         EXPECT_EQ(1U, open_.erase(fd));
@@ -448,16 +468,6 @@ private:
         names_ = {{fd, "S"}};
     }
 
-    void close_all()
-    {
-        for (const int fd : open_) EXPECT_EQ(0, ::close(fd)) << fd;
-        open_.clear();
-        clients_.clear();
-        client_at_.clear();
-        accepted_.clear();
-        names_.clear();
-    }
-
     void read_traces()
     {
         for (const auto &t : test::trace_log()) lines_.push_back({{}, true, text(t)});
@@ -562,7 +572,10 @@ TEST_F(DispatcherRefusal, TimeoutNeedsItsHandlerWhateverTheDescriptor)
     handlers h = all();
     h.timeout_hdlr = nullptr;
     use_listener();
-    const std::pair<u32, u32> timeouts[] = {{1, 0}, {0, 1}, {2, 3}, {0x80000000, 0}, {256, 256}};
+    // Among them pairs of which the sum is 0 modulo 2^32, and the exclusive or
+    const std::pair<u32, u32> timeouts[] = {
+        {1, 0},   {0, 1},          {2, 3}, {0x80000000, 0}, {256, 256}, {0x80000000, 0x80000000},
+        {1, ~0U}, {0x8000, 0x4000}};
     for (const auto &[seconds, microseconds] : timeouts) {
         SCOPED_TRACE(std::to_string(seconds) + " s " + std::to_string(microseconds) + " us");
         const test::watch watch;
@@ -773,15 +786,226 @@ TEST_F(Dispatcher, FailedAcceptIsPassedOver)
     }
 }
 
+// The limit of descriptors, lowered while it lives so that there are no more to be had.
+class no_more_descriptors {
+public:
+    no_more_descriptors()
+    {
+        EXPECT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before_));
+        const int next = ::dup(0);
+        EXPECT_LE(0, next);
+        ::close(next);
+        const rlimit none = {static_cast<rlim_t>(next), before_.rlim_max};
+        EXPECT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &none));
+    }
+    ~no_more_descriptors() { EXPECT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &before_)); }
+    no_more_descriptors(const no_more_descriptors &) = delete;
+    no_more_descriptors &operator=(const no_more_descriptors &) = delete;
+
+private:
+    rlimit before_{};
+};
+
+// The time-outs of the selects so far, in microseconds; -1 for none.
+std::vector<int> waits(const test::watch &watch)
+{
+    std::vector<int> all;
+    for (const test::call &call : watch.calls("select")) all.push_back(call.flags);
+    return all;
+}
+
+TEST_F(Dispatcher, ShortageLeavesTheListenerOutOfOnePassWhichServesTheOthers)
+{
+    for (const int error : {EMFILE, ENFILE, ENOBUFS, ENOMEM}) {
+        SCOPED_TRACE(error);
+        const auto work = [this](auto...) {
+            connect_client("b");
+            tell("a", "x");
+        };
+        at_recv_ = [](int fd) { EXPECT_EQ("x", take(fd)); };
+        const journal lines = accepting({"a"}, {work, nullptr, nullptr});
+        prepare_client("b");
+        const test::watch watch("accept4", 2, error);
+        EXPECT_EQ(lines + journal({"loop S a", "recv a", "loop S a", "accept b", "loop S a b"}) +
+                      told_to_end(),
+                  run());
+        EXPECT_EQ((std::vector<int>{-1, -1, 10000, -1}), waits(watch));
+    }
+}
+
+TEST_F(Dispatcher, ClientsAreServedWhileTheProcessIsOutOfDescriptors)
+{
+    std::optional<no_more_descriptors> shortage;
+    const auto run_out = [&](auto...) {
+        shortage.emplace();
+        connect_client("b");
+        tell("a", "x");
+    };
+    const auto leave = [this](auto...) { EXPECT_TRUE(arrives(fd_of("a"), POLLIN)); };
+    const auto end = [&](auto...) { shortage.reset(); };
+    at_recv_ = [](int fd) { EXPECT_EQ("x", take(fd)); };
+    // Accepting fails before and behind the pass that serves
+    const journal lines = accepting({"a"}, {run_out, leave, nullptr, end, nullptr});
+    prepare_client("b");
+    EXPECT_EQ(lines +
+                  journal({"loop S a", "recv a", "loop S a", "loop S a", "loop S a", "accept b",
+                           "loop S a b"}) +
+                  told_to_end(),
+              run());
+}
+
+// A connection waits all the time, which is no time-out; loop_hdlr may end the dispatcher
+// meanwhile.
+TEST_F(Dispatcher, RestOfAShortageIsNoTimeout)
+{
+    const struct {
+        u32 seconds, microseconds;
+        int usual, rest;  // microseconds
+    } rows[] = {{0, 0, -1, 10000},        {0, 1, 1, 1},
+                {0, 9999, 9999, 9999},    {0, 10000, 10000, 10000},
+                {0, 10001, 10001, 10000}, {1, 0, 1000000, 10000},
+                {1, 1, 1000001, 10000},   {600, 0, 600000000, 10000}};
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.usual);
+        use_listener();
+        client("a");
+        steps_.assign(4, nullptr);
+        const test::watch watch("accept4", -1, EMFILE);
+        EXPECT_EQ(times(5, {"loop S"}) + told_to_end(), run(all(), r.seconds, r.microseconds));
+        EXPECT_EQ((std::vector<int>{r.usual, r.rest, r.usual, r.rest, r.usual}), waits(watch));
+        EXPECT_EQ(3U, watch.calls("accept4").size());
+    }
+}
+
+TEST_F(Dispatcher, TimeoutsGoOnBehindAShortage)
+{
+    use_listener();
+    client("a");
+    steps_.assign(3, nullptr);
+    const test::watch watch("accept4", 1, EMFILE);
+    EXPECT_EQ(journal({"loop S", "loop S", "accept a", "loop S a", "timeout S a", "loop null"}) +
+                  told_after_a_timeout(),
+              run(all(), 0, 20000));
+    EXPECT_EQ((std::vector<int>{20000, 10000, 20000, 20000}), waits(watch));
+}
+
+// Taken off the watch, a listener that cannot accept needs no rest.
+TEST_F(Dispatcher, ListenerOffTheWatchIsNotRestedFor)
+{
+    use_listener();
+    client("a");
+    const auto off = [this](fd_set *watch, int *) { FD_CLR(socket_, watch); };
+    at_timeout_ = [this](fd_set *watch) { FD_SET(socket_, watch); };
+    steps_ = {off, nullptr};
+    const test::watch watch("accept4", 1, EMFILE);
+    EXPECT_EQ(journal({"loop S", "timeout", "loop null", "accept a", "loop S a"}) + told_to_end(),
+              run(all(), 0, 20000));
+    EXPECT_EQ((std::vector<int>{20000, 20000, 20000}), waits(watch));
+}
+
+// A select that fails takes everything for ready, the listener too: no silent client is closed.
+TEST_F(Dispatcher, FailedSelectOfAShortageClosesNobody)
+{
+    std::optional<no_more_descriptors> shortage;
+    const auto run_out = [&](auto...) {
+        shortage.emplace();
+        connect_client("b");
+    };
+    const auto end = [&](auto...) { shortage.reset(); };
+    const journal lines = accepting({"a"}, {run_out, nullptr, end});
+    prepare_client("b");
+    const test::watch watch("select", 3, EINVAL);
+    EXPECT_EQ(lines + journal({"loop S a", "error 2", "loop S a, flag 1"}) + told_to_end(), run());
+}
+
+// What the header recommends: newcomers wait in the backlog while there are clients enough.
+TEST_F(Dispatcher, CapacityIsKeptByTheLoopHandler)
+{
+    constexpr size_t capacity = 2;
+    const std::vector<std::string> all_clients = {"a", "b", "c", "d", "e"};
+    std::set<int> inside;
+    size_t most = 0;
+    std::vector<std::string> order;
+    use_listener();
+    for (const auto &n : all_clients) client(n);
+    at_accept_ = [&](int fd) {
+        inside.insert(fd);
+        most = std::max(most, inside.size());
+        order.push_back(names_[fd]);
+    };
+    at_close_ = [&](int fd) {
+        inside.erase(fd);
+        drop(fd);
+    };
+    steps_.assign(100, [&](fd_set *watch, int *flag) {
+        if (watch == nullptr) return;
+        if (inside.size() < capacity)
+            FD_SET(socket_, watch);
+        else
+            FD_CLR(socket_, watch);
+        if (inside.size() == capacity) hang_up(order.at(order.size() - inside.size()));
+        if (order.size() == all_clients.size()) *flag = 1;
+    });
+    start();
+    (void)finish();
+    EXPECT_EQ(capacity, most);
+    EXPECT_EQ(all_clients.size(), order.size());
+    EXPECT_EQ(std::set<std::string>(all_clients.begin(), all_clients.end()),
+              std::set<std::string>(order.begin(), order.end()));
+}
+
+// Two dispatchers on one listening socket that does not block: each connection is one's, and both
+// go on.
+TEST_F(Dispatcher, TwoAcceptorsShareAListenerThatDoesNotBlock)
+{
+    constexpr size_t count = 40;
+    static std::array<std::atomic<int>, count> taken;
+    static std::atomic<size_t> accepted;
+    static std::atomic<int> ended;
+    accepted = 0;
+    ended = 0;
+    use_listener();
+    ASSERT_EQ(0, ::fcntl(socket_, F_SETFL, O_NONBLOCK));
+    handlers h = all();
+    h.accept_hdlr = [](pthread_t, int fd, ipport *) {
+        if (const size_t n = accepted++; n < count) taken[n] = fd;
+        return 0;
+    };
+    h.loop_hdlr = [](pthread_t, fd_set *, int *flag) {
+        *flag = accepted >= count ? 1 : 0;
+        return 0;
+    };
+    h.timeout_hdlr = [](pthread_t, fd_set *) { return 0; };
+    h.exit_hdlr = [](pthread_t, int reason) {
+        EXPECT_EQ(0, reason);
+        return ++ended;
+    };
+    pthread_t ids[2];
+    for (pthread_t &id : ids) ASSERT_EQ(0, socket_select(socket_, 0, 0, 10000, &h, &id));
+    for (size_t i = 0; i < count; ++i)
+        connect_to(own(bound_socket(SOCK_STREAM)), local_address(socket_));
+    EXPECT_TRUE(test::eventually([] { return ended == 2; }));
+    EXPECT_TRUE(gone());
+    EXPECT_EQ(count, accepted);
+    for (const auto &fd : taken) own(fd);
+    (void)test::trace_log();
+}
+
+// The dispatcher's line about connections that it had to refuse.
+std::string too_large(int refused)
+{
+    return text({source, "trace_refusal",
+                 "fd 1024 is too large for select, connections refused so far: " +
+                     std::to_string(refused)});
+}
+
 TEST_F(Dispatcher, AcceptedDescriptorTooLargeForSelectIsClosedAtOnce)
 {
     if (!many_descriptors()) GTEST_SKIP() << "no descriptors beyond FD_SETSIZE";
     use_listener();
     client("a");
     prepare_client("b");
-    const int file = own(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    int last = file;
-    while (last < FD_SETSIZE - 1) last = own(::fcntl(file, F_DUPFD_CLOEXEC, 0));
+    const int last = fill_the_watchable();
     ASSERT_EQ(FD_SETSIZE - 1, last);
     at_recv_ = [](int fd) { EXPECT_EQ("x", take(fd)); };
     steps_ = {
@@ -795,12 +1019,39 @@ TEST_F(Dispatcher, AcceptedDescriptorTooLargeForSelectIsClosedAtOnce)
         [this](auto...) { tell("b", "x"); },
         [this](auto...) { hang_up("b"); },
     };
-    const journal lines = {text({source, "socket_select_hdlr", "fd 1024 is too large for select"}),
-                           "loop S"};
+    const journal lines = {too_large(1), "loop S"};
     EXPECT_EQ(lines + journal({"accept b", "loop S b", "recv b", "loop S b", "close b", "loop S"}) +
                   told_to_end(),
               run());
     EXPECT_EQ(FD_SETSIZE - 1, fd_of("b"));
+}
+
+// A client that connects again and again must not fill the log.
+TEST_F(Dispatcher, RefusedConnectionsAreTracedOnceAMinuteWithTheirNumber)
+{
+    if (!many_descriptors()) GTEST_SKIP() << "no descriptors beyond FD_SETSIZE";
+    test::clock_at clock(1000);
+    for (const bool again : {false, true}) {  // each dispatcher counts for itself
+        SCOPED_TRACE(again);
+        close_all();
+        use_listener();
+        for (const char *name : {"a", "b", "c", "d", "e", "f"}) prepare_client(name);
+        ASSERT_EQ(FD_SETSIZE - 1, fill_the_watchable());
+        connect_client("a");
+        const auto next = [this](const char *name, time_t seconds) {
+            return [=, this](auto...) {
+                test::clock_at::set(seconds);
+                connect_client(name);
+            };
+        };
+        steps_ = {next("b", 1000), next("c", 1059), next("d", 1060), next("e", 1119),
+                  next("f", 1200)};
+        EXPECT_EQ(journal({too_large(1), "loop S", "loop S", "loop S", too_large(4), "loop S",
+                           "loop S", too_large(6), "loop S"}) +
+                      told_to_end(),
+                  run());
+        test::clock_at::set(1000);
+    }
 }
 
 TEST_F(Dispatcher, LoopHandlerMayTakeADescriptorOffTheWatch)
@@ -953,6 +1204,17 @@ TEST_F(Dispatcher, EmptyDatagramEnds)
 {
     use_datagrams();
     tell("");
+    EXPECT_EQ(ended_by_peer(), run());
+}
+
+// Nobody listens at the peer's port any more, and the kernel says so on the next occasion.
+TEST_F(Dispatcher, RefusedDatagramEnds)
+{
+    use_datagrams();
+    connect_to(socket_, local_address(peer_));
+    drop(peer_);
+    send_bytes(socket_, "x");
+    EXPECT_TRUE(arrives(socket_, POLLERR));
     EXPECT_EQ(ended_by_peer(), run());
 }
 
@@ -1283,6 +1545,37 @@ TEST_F(Dispatcher, FailedCancellationSetupEndsItBeforeTheFirstPass)
         EXPECT_EQ(journal({"error 1"}) + told_to_end(), run());
         EXPECT_TRUE(watch.failed());
         EXPECT_EQ(0U, watch.calls("select").size());
+    }
+}
+
+// A cancellation that struck while the record is freed would leave the heap locked.
+TEST_F(Dispatcher, CancellationIsOffWhenTheThreadEnds)
+{
+    static const test::watch *seen;
+    handlers h = all();
+    h.exit_hdlr = [](pthread_t self, int reason) {
+        EXPECT_EQ(1U, seen->calls("pthread_setcancelstate").size());  // not before the last handler
+        return all().exit_hdlr(self, reason);
+    };
+    for (const bool by_peer : {false, true}) {
+        SCOPED_TRACE(by_peer);
+        use_stream();
+        tell("x");
+        if (by_peer) {
+            at_recv_ = [this](int fd) {
+                EXPECT_EQ("x", take(fd));
+                hang_up();
+            };
+            steps_ = {nullptr};
+        }
+        const test::watch watch;
+        seen = &watch;
+        EXPECT_EQ(journal({"recv S", "loop S"}) + (by_peer ? ended_by_peer() : told_to_end()),
+                  run(h));
+        std::vector<int> states;
+        for (const test::call &call : watch.calls("pthread_setcancelstate"))
+            states.push_back(call.flags);
+        EXPECT_EQ((std::vector<int>{PTHREAD_CANCEL_ENABLE, PTHREAD_CANCEL_DISABLE}), states);
     }
 }
 
