@@ -272,7 +272,7 @@ int socket_open(const char *ifname, const ipport *addr, u32 options, int *fd_out
     const int on = 1;
     if ((options & SOCKET_OPT_REUSE) != 0 &&
         ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
-        // No nk behind "set", on purpose
+        // No blank behind "set", on purpose
         TRACE_FILE("%s set%s SOCKET_OPT_REUSE failed. fd=%d\n", text_of(word_socket),
                    text_of(word_sockopt), fd.get());
         return 1;
@@ -744,11 +744,20 @@ constexpr u16 sampled = 1;          // bm_iface.flags
 constexpr u8 stop_wanted = 1;       // bm_list.stop
 constexpr u16 history_limit = 257;  // entries of bm_iface.history
 
-// A registry's lock; failures are traced with the holder's place, and otherwise not heeded.
+// Reads a field of the registry that its owner may write without the lock.
+template <typename Field>
+Field read_shared(const Field *field)
+{
+    return __atomic_load_n(field, __ATOMIC_ACQUIRE);
+}
+
+// Holds a registry's lock. A failing downdown or upup traces the holder's place, and the holder
+// goes on all the same. Gives back the semaphore that it took, though the registry may name another
+// by then, or be freed.
 class registry_lock {
 public:
-    registry_lock(int semid, int line, const char *function)
-        : semid_(semid), line_(line), function_(function)
+    registry_lock(const bm_list &registry, int line, const char *function)
+        : semid_(read_shared(&registry.semid)), line_(line), function_(function)
     {
         (void)downdown(semid_, "tarnic_network", line_, function_);
     }
@@ -768,9 +777,6 @@ bm_iface *find_iface(const bm_list &registry, const char *ifname)
         if (::strcmp(iface.ifname, ifname) == 0) return &iface;
     return nullptr;
 }
-
-// A field that the owner writes without the lock.
-u8 read_shared(const u8 *field) { return __atomic_load_n(field, __ATOMIC_ACQUIRE); }
 
 // Bytes per second, of a difference modulo 2^64: a counter that went backwards is not heeded.
 // Seconds: 1..255. As on paper, by digits of 32, 16 and 16 bits: 64-bit division would bring in
@@ -838,7 +844,7 @@ int add_bm_by_iface(const char *ifname, bm_list *registry)
     if (fresh == nullptr) return 0;
     ::memcpy(fresh->ifname, name, sizeof name);
     list_init(&fresh->history);
-    const registry_lock lock(registry->semid, __LINE__, __func__);
+    const registry_lock lock(*registry, __LINE__, __func__);
     list_add_tail(&fresh->node, &registry->list);
     ++registry->count;
     return 1;
@@ -846,7 +852,7 @@ int add_bm_by_iface(const char *ifname, bm_list *registry)
 
 int del_bm_by_iface(const char *ifname, bm_list *registry)
 {
-    const registry_lock lock(registry->semid, __LINE__, __func__);
+    const registry_lock lock(*registry, __LINE__, __func__);
     bm_iface *old = find_iface(*registry, ifname);
     if (old == nullptr) return 0;
     for (bm_sample &entry : each<&bm_sample::node>(old->history)) ::free(&entry);
@@ -857,7 +863,7 @@ int del_bm_by_iface(const char *ifname, bm_list *registry)
 
 int query_bm_by_iface(const char *ifname, bm_list *registry, bm_sample *out)
 {
-    const registry_lock lock(registry->semid, __LINE__, __func__);
+    const registry_lock lock(*registry, __LINE__, __func__);
     const bm_iface *iface = find_iface(*registry, ifname);
     if (iface == nullptr || (iface->flags & sampled) == 0) return 0;
     out->rx_rate = iface->rx_rate;
@@ -882,11 +888,10 @@ void *bmThread(void *arg)
     ::sigfillset(&all);
     ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
     auto *registry = static_cast<bm_list *>(arg);
-    const int semid = registry->semid;
     u32 seconds = 1;
     for (;;) {
         {
-            const registry_lock lock(semid, __LINE__, __func__);
+            const registry_lock lock(*registry, __LINE__, __func__);
             if ((read_shared(&registry->stop) & stop_wanted) != 0) break;
             bm_scan(registry, seconds);
             seconds = std::max<u32>(read_shared(&registry->interval), 1);
@@ -894,7 +899,7 @@ void *bmThread(void *arg)
         ::sleep(seconds);
     }
     TRACE_CONSOLE("bmThread Exit\n");
-    const registry_lock lock(semid, __LINE__, __func__);
+    const registry_lock lock(*registry, __LINE__, __func__);
     // Once the list reads empty the registry may be freed, by an owner who looks without the lock
     // too: that is the last that is written there.
     list_head *const head = &registry->list;

@@ -529,6 +529,17 @@ TEST_F(Bandwidth, EachOperationWaitsForTheLock)
     }
 }
 
+TEST_F(Bandwidth, CountRisesUnderTheLock)
+{
+    std::vector<int> counts;
+    {
+        const test::behind_semop look([&](int) { counts.push_back(registry_.count); });
+        EXPECT_EQ(1, add("eth0"));
+    }
+    // The lock is taken and given back twice: to remove an old record, then to add the new one.
+    EXPECT_EQ((std::vector<int>{0, 0, 0, 1}), counts);
+}
+
 // ---- Scans -------------------------------------------------------------------------------------
 
 TEST_F(Bandwidth, RatesAreDifferencesBySeconds)
@@ -933,7 +944,7 @@ TEST_F(Bandwidth, RegistryMayBeFreedOnceItIsSeenEmpty)
         ASSERT_EQ(1, add_bm_by_iface("eth0", registry));
         set(registry->stop, 1);
         ASSERT_EQ(0, bm_start(registry));
-        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::minutes(2);
         while (registry != nullptr) {
             const holding lock(semid);
             if (list_empty(&registry->list) == 1) {
@@ -1007,6 +1018,61 @@ TEST_F(Bandwidth, ThreadSleepsTheIntervalAndNoMore)
     EXPECT_TRUE(eventually([&] { return !watch.calls("sleep").empty(); }));
     EXPECT_EQ(2, watch.calls("sleep").at(0).flags);
     stop();
+}
+
+TEST_F(Bandwidth, IntervalIsReadUnderTheLock)
+{
+    set(registry_.interval, 9);
+    const test::behind_semop change([&](int step) {
+        set(registry_.interval, step < 0 ? 1 : 9);
+        if (step > 0) set(registry_.stop, 1);
+    });
+    const test::watch watch;
+    ASSERT_EQ(0, bm_start(&registry_));
+    EXPECT_TRUE(eventually([&] { return threads() == threads_; }));
+    ASSERT_EQ(1U, watch.calls("sleep").size());
+    EXPECT_EQ(1, watch.calls("sleep").at(0).flags);
+    EXPECT_EQ(traces{ended}, test::console());
+}
+
+// The owner may give the registry another lock; what was taken is given back all the same.
+TEST_F(Bandwidth, ThreadTakesTheLockThatTheRegistryNames)
+{
+    const int first = registry_.semid;
+    int second = -1;
+    int third = -1;
+    ASSERT_EQ(0, sem_create(key + 1, &second));
+    ASSERT_EQ(0, sem_create(key + 2, &third));
+    const auto name = [&](int semid) {
+        __atomic_store_n(&registry_.semid, semid, __ATOMIC_RELAXED);
+    };
+    ASSERT_EQ(1, add("lo"));
+    {
+        const holding of_second(second);
+        {
+            const holding of_first(first);
+            ASSERT_EQ(0, bm_start(&registry_));
+            EXPECT_TRUE(eventually([&] { return waiters_of(first) == 1; }));
+            name(second);
+        }
+        // It scans, gives the first back, sleeps, and comes to the second.
+        EXPECT_TRUE(eventually([&] { return waiters_of(second) == 1; }));
+        EXPECT_EQ(1, value_of(first));
+        EXPECT_EQ(1, states_of(registry_).at(0).flags);
+        set(registry_.stop, 1);
+        const holding of_third(third);
+        name(third);
+        EXPECT_EQ(0, upup(second, "test", 1, "test"));
+        // It has seen the stop bit, and empties the registry under the third.
+        EXPECT_TRUE(eventually([&] { return waiters_of(third) == 1; }));
+        EXPECT_EQ(name_list{"lo"}, names(registry_));
+        EXPECT_EQ(0, downdown(second, "test", 1, "test"));
+    }
+    EXPECT_TRUE(eventually([&] { return threads() == threads_; }));
+    for (const int semid : {first, second, third}) EXPECT_EQ(1, value_of(semid));
+    EXPECT_EQ(1U, list_empty(&registry_.list));
+    EXPECT_EQ(traces{ended}, test::console());
+    for (const int semid : {first, second}) sem_delete(semid);
 }
 
 TEST_F(Bandwidth, IntervalOf0WorksAs1)
@@ -1167,6 +1233,40 @@ TEST_F(BandwidthUnlocked, AddWithoutMemoryTakesTheLockOnlyToDelete)
     for (const std::string &name : names(registry_))
         EXPECT_EQ(1, del_bm_by_iface(name.c_str(), &registry_));
     (void)lock_log();
+}
+
+// No handler is needed: being stopped and continued ends the wait. The call goes on, and gives back
+// what it never took; from then on two may hold the lock at once, until its process ends.
+TEST_F(Bandwidth, StoppedWaitLeavesTheLockOpen)
+{
+    int ends[2];
+    ASSERT_EQ(0, ::pipe(ends));
+    ASSERT_EQ(0, downdown(registry_.semid, "test", 1, "test"));
+    const pid_t other = ::fork();
+    ASSERT_LE(0, other);
+    if (other == 0) {
+        bm_sample out{};
+        const char result = static_cast<char>(query_bm_by_iface("eth0", &registry_, &out));
+        (void)!::write(ends[1], &result, 1);
+        for (;;) ::pause();
+    }
+    EXPECT_TRUE(eventually([&] { return waiters_of(registry_.semid) == 1; }));
+    EXPECT_EQ(0, ::kill(other, SIGSTOP));
+    int status = 0;
+    EXPECT_EQ(other, ::waitpid(other, &status, WUNTRACED));
+    EXPECT_TRUE(WIFSTOPPED(status));
+    EXPECT_EQ(0, ::kill(other, SIGCONT));
+    char result = -1;
+    EXPECT_EQ(1, ::read(ends[0], &result, 1));  // though the lock is held
+    EXPECT_EQ(0, result);
+    EXPECT_EQ(1, value_of(registry_.semid));
+    EXPECT_EQ(0, upup(registry_.semid, "test", 1, "test"));
+    EXPECT_EQ(2, value_of(registry_.semid));
+    EXPECT_EQ(0, ::kill(other, SIGKILL));
+    EXPECT_EQ(other, ::waitpid(other, &status, 0));
+    EXPECT_EQ(1, value_of(registry_.semid));
+    for (const int fd : ends) ::close(fd);
+    EXPECT_EQ((traces{unlocked("query_bm_by_iface", registry_.semid).at(0)}), lock_log());
 }
 
 // What the owner writes here is ordered by nothing before the thread reads it.
