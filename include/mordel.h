@@ -17,8 +17,11 @@
  *     through errno.
  *  5. Diagnostics are trace lines "[source: line function()]:::message", appended to
  *     /var/tmp/tarnic.log (conversions, IPC, sockets) or /dev/console (tree, rules, schedules,
- *     bandwidth monitor), one write each. A sink that cannot be opened is skipped. "Traces" below
- *     names the message.
+ *     bandwidth monitor), one write each. "Traces" below names the message. A line whose sink
+ *     cannot be opened is lost. The trace file is created where it is missing, mode 0644 less the
+ *     umask, so that only its creator's user and root add to it; it must be a plain file with one
+ *     name: nothing is written through a link or into anything else that stands in its place. The
+ *     console is never created.
  *  6. Texts that reach a script are written as they are, unquoted: whoever fills a record from
  *     outside input checks it first.
  *  7. Descriptors that the library opens are close-on-exec.
@@ -560,7 +563,10 @@ void show_rule(const char *ifname);
 
 /* ---- Semaphores and shared memory -----------------------------------------------------------
  * System V objects, shared between processes by a key that the callers agree on. A semaphore is a
- * lock: 1 is free, 0 is held. Creating opens what exists; permissions are 0666.
+ * lock: 1 is free, 0 is held. It is not recursive: who holds it and takes it again waits for ever.
+ *
+ * Creating opens what exists. New objects have the permissions 0666, whatever the umask: any
+ * process may use them. One that exists must grant the caller reading and writing.
  *
  * Functions of this family return 0 for success and 1 for failure, keep no state and may run on any
  * thread. Traces go to /var/tmp/tarnic.log.
@@ -571,13 +577,17 @@ void show_rule(const char *ifname);
  * Returns 0; 1 on failure. Traces "key=K semget fail" or "semid=S semctl fail". */
 int sem_create(int key, int *semid);
 
-/* Removes a lock; who waits for it fails. Returns 0 always. */
+/* Removes a lock. Who waits for it, or takes it or gives it back later, fails; so it is safe only
+ * when nobody uses the id any more. It takes the user of the lock's creator or owner, or
+ * CAP_SYS_ADMIN: for others the lock stays. Returns 0 always. */
 int sem_delete(int semid);
 
 /* Takes a lock, and waits until it can. The kernel gives it back when the process ends.
  * file, line, func: the caller's place, for the trace.
- * Returns 0; 1 on failure, a signal while waiting included. Traces
- * "FILE:LINE:::FUNC:::semid=S down fail". */
+ * Returns 0; 1 on failure, and then the lock is not held: leave alone what it guards, and do not
+ * call upup, which would raise the value to 2 and let two in at once. A signal while waiting is a
+ * failure too: that of any handler, even one installed with SA_RESTART, and being stopped and
+ * continued. Traces "FILE:LINE:::FUNC:::semid=S down fail". */
 int downdown(int semid, const char *file, int line, const char *func);
 
 /* Gives a lock back, or adds one more to a free one. As downdown; traces "... up fail". */
@@ -590,7 +600,11 @@ int upup(int semid, const char *file, int line, const char *func);
 int shm_create(int key, u32 size, int *shmid);
 
 /* ---- Interface queries ----------------------------------------------------------------------
- * By interface name. A name of 16 characters or more is no interface's.
+ * By interface name. A name of 16 characters or more is no interface's, and fails; but see
+ * get_rxtx_by_ifname.
+ *
+ * get_rxtx_by_ifname takes no rights. The others open a raw socket, for which they need
+ * CAP_NET_RAW; set_mac_by_ifname needs CAP_NET_ADMIN besides. Without them they fail.
  *
  * Functions of this family return 0 for success and 1 for failure, trace nothing, keep no state and
  * may run on any thread. IPv4 addresses are in network byte order in memory.
@@ -617,15 +631,15 @@ typedef struct if_rxtx {
 } if_rxtx;
 
 /* Reads an interface's counters from /proc/net/dev.
- * ifname: the first line that contains it anywhere is taken: "eth0" also finds "veth0".
+ * ifname: a text of any length; the first line that contains it anywhere, its counters included, is
+ *         taken: "eth0" also finds "veth0", and "" the first interface.
  * out: zeroed once the file is open; fields that the line does not have stay 0.
  * Returns 0; 1 when the file cannot be read (out untouched) or no line has the name. */
 int get_rxtx_by_ifname(const char *ifname, if_rxtx *out);
 
 /* An interface's IPv4 address, netmask or broadcast address.
  * ip, mask, bcast: network byte order; untouched on failure.
- * Returns 0; 1 when there is no such interface, it has no address, or the caller may open no raw
- * socket (CAP_NET_RAW). */
+ * Returns 0; 1 when there is no such interface, it has no address, or rights are missing. */
 int get_ip_by_ifname(const char *ifname, u32 *ip);
 int get_mask_by_ifname(const char *ifname, u32 *mask);
 int get_bcast_by_ifname(const char *ifname, u32 *bcast);
@@ -658,6 +672,8 @@ int set_mtu_by_ifname(const char *ifname, u32 mtu);
  *  2. One option word serves the whole family; each function heeds its own bits.
  *  3. Traces go to /var/tmp/tarnic.log, with the words of LogStrMap.
  *  4. The functions keep no state and may run on any thread.
+ *  5. An interface's name needs CAP_NET_RAW (see get_ip_by_ifname), and binding to a port below
+ *     1024 CAP_NET_BIND_SERVICE. All else takes no rights.
  */
 
 typedef struct ipport {
@@ -794,14 +810,17 @@ int socket_select(int fd, u32 reserved, u32 seconds, u32 microseconds,
 
 /* Sends a buffer.
  * options: SOCKET_OPT_SENDTO, _SEND_NONBLOCK, _SEND_NOSIGNAL.
- * len: bytes to send (below 2^31), then bytes sent, also when a call failed half-way.
+ * len: bytes to send, then bytes sent, also when a call failed half-way. With 2^31 and more nothing
+ *      is sent, 0 is stored, and the call succeeds.
  * dest: with SOCKET_OPT_SENDTO on a datagram socket, where to; else not read. A datagram socket
  *       without it must be connected.
  * Returns 0; 1 on failure. Traces besides "socket send error errno=E". */
 int socket_send(int fd, u32 options, const void *buf, u32 *len, const ipport *dest);
 
 /* Receives an exact count of bytes, over as many datagrams as it takes.
- * options: SOCKET_OPT_RECVFROM, _RECV_PEEK, _RECV_WAITALL.
+ * options: SOCKET_OPT_RECVFROM, _RECV_PEEK, _RECV_WAITALL. Every peek begins at the head of the
+ *          queue: where less is queued than is wanted, _RECV_PEEK repeats the same bytes until the
+ *          count is full (on a stream _RECV_WAITALL with it waits for more instead).
  * len: bytes wanted, then bytes received, also when a call failed half-way.
  * src: not null with SOCKET_OPT_RECVFROM on a datagram socket; only read. A datagram socket without
  *      that option must be connected. Empty datagrams are passed over, and so a datagram socket
@@ -829,14 +848,26 @@ int ipport_string_convert_h2n(const char *ip_text, u16 port, ipport *out);
  *
  *  1. All functions but bm_start return 1 for success and 0 for failure.
  *  2. They lock for themselves and may run on any thread. Who walks the records, to read a history,
- *     holds the lock meanwhile: downdown and upup on semid.
- *  3. interval, keep_history and stop may be written at any time, without the lock. Setting bit 0
+ *     holds the lock meanwhile, by downdown and upup on semid, and calls none of these functions
+ *     before giving it back: the call would wait for ever.
+ *  3. One thread per registry. A second one would spoil the rates, and would go on with a registry
+ *     that the first has emptied and its owner has freed.
+ *  4. interval, keep_history and stop may be written at any time, without the lock. Setting bit 0
  *     of stop ends the thread within a period; it then empties the registry. A registry that had an
  *     interface until then may be freed as soon as its list is seen empty under the lock; of one
  *     without, nothing tells, and it stays for a period more. Entries of histories are not freed.
- *  4. Traces go to /dev/console; those of a failing lock (a signal that interrupts the wait is one)
- *     to /var/tmp/tarnic.log, and work goes on unlocked.
- *  5. The thread takes no signals.
+ *  5. Then, and when no other call with the registry is under way or will come, sem_delete on semid
+ *     is safe. Sooner it leaves those who use the registry without a lock. The same goes for its
+ *     key: while a registry is in use, neither init_bm nor sem_create may be called with it.
+ *  6. A signal that interrupts a wait for the lock leaves the caller unprotected: the call traces
+ *     "down fail", goes on without the lock, and gives back what it never took. The value then
+ *     rises to 2, and two may hold the lock at once, until the interrupted process ends. Any
+ *     handler does it, and so do SIGSTOP and SIGCONT without one. So block signals in threads that
+ *     make these calls, and do not stop the process. When it has happened, see that nobody uses the
+ *     registry, and call sem_create with its key, which sets the lock right.
+ *  7. The thread blocks all signals. At each turn it takes the lock that semid names then.
+ *  8. Traces go to /dev/console; those of a failing lock to /var/tmp/tarnic.log, and work goes on
+ *     unlocked. No function takes rights beyond those of sem_create.
  */
 
 typedef struct bm_list {
