@@ -1,4 +1,5 @@
-// Owners that make an early return the natural line.
+// Owners of a descriptor, a stream and a heap block: each gives its own back when it goes out of
+// scope, so that a function can return at its first failure.
 #pragma once
 
 #include <unistd.h>
@@ -11,6 +12,8 @@
 
 namespace mordel {
 
+// Owns a descriptor; 0 is one like any other, below 0 there is none. Its close keeps errno for the
+// caller, and is never repeated: Linux frees the number even where close fails.
 class fd_guard {
 public:
     explicit fd_guard(int fd) : fd_(fd) {}
@@ -42,7 +45,7 @@ struct heap_freer {
 template <typename Record>
 using heap_guard = std::unique_ptr<Record, heap_freer>;
 
-// A zero-filled record, or null.
+// Allocates a zero-filled record; null without memory.
 template <typename Record>
 heap_guard<Record> allocate()
 {

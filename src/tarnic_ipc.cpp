@@ -1,4 +1,5 @@
-// System V semaphores and shared memory. No state; safe on any thread and in any process.
+// System V semaphores and shared memory. This file owns nothing: the kernel keeps the objects and
+// serialises what threads and processes do to them.
 
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -11,17 +12,18 @@
 
 namespace {
 
-constexpr int create = IPC_CREAT | 0666;  // or open what is there
+constexpr int create = IPC_CREAT | 0666;  // opens the object where it exists
 
-// The argument of semctl, which its callers define. Not an int: some hosts pass the two
-// differently.
+// The fourth argument of semctl. No header defines the type; the caller must. An int in its place
+// would be passed differently on some hosts.
 union semun {
     int val;
     struct semid_ds *buf;
     unsigned short *array;
 };
 
-// One step of semaphore 0, which the kernel takes back when the process ends.
+// Adds to semaphore 0. SEM_UNDO makes the kernel subtract it again when the process ends, so that a
+// process that dies as a holder leaves the lock free.
 bool step(int semid, short by)
 {
     struct sembuf op = {0, by, SEM_UNDO};
@@ -37,7 +39,8 @@ int sem_create(int key, int *semid)
         TRACE_FILE("key=%d semget fail\n", key);
         return 1;
     }
-    // An old lock too is set free, whoever holds it: daemons that restart must not wait for it.
+    // Sets an existing lock free too, whoever holds it: a daemon that starts again must not wait
+    // for a lock that was left taken before.
     union semun unlocked;
     unlocked.val = 1;
     if (::semctl(*semid, 0, SETVAL, unlocked) == -1) {
@@ -49,7 +52,7 @@ int sem_create(int key, int *semid)
 
 int sem_delete(int semid)
 {
-    (void)::semctl(semid, 0, IPC_RMID);  // gone already is as good
+    (void)::semctl(semid, 0, IPC_RMID);  // callers cannot do better about a failure
     return 0;
 }
 

@@ -1,6 +1,8 @@
 // Interface queries, sockets, the select dispatcher, transfer, addresses and the bandwidth monitor.
-// Of these only the monitor shares anything between threads: its caller's registry, under the
-// registry's semaphore.
+//
+// This file owns no data but LogStrMap, which is constant. Each dispatcher thread owns its record
+// and its watch set alone, and shares nothing with other threads. A bandwidth monitor's registry
+// belongs to the caller; its thread and all callers change it under the registry's semaphore.
 
 #include "tarnic_network.h"
 
@@ -33,7 +35,8 @@ using namespace mordel;
 
 namespace {
 
-// The lines of /proc/net/dev behind its two header lines; the rest of a longer line counts as one.
+// Reads /proc/net/dev line by line, less its two header lines. A line longer than the buffer comes
+// in pieces, each counted as a line of its own.
 class device_lines {
 public:
     device_lines() : file_(::fopen("/proc/net/dev", "re")) {}
@@ -52,15 +55,17 @@ private:
     int header_ = 2;
 };
 
-// Requests about one interface: each finds in data what the one before has left there.
+// One interface's ioctl requests, over one socket. Each request starts from what the one before it
+// has left in data: set_mac_by_ifname so writes back the record that it has read.
 class interface_request {
 public:
-    // A name too long is no interface's; cut short it might be.
+    // A name of IFNAMSIZ characters or more fails: cut to fit, it might name another interface.
     explicit interface_request(const char *ifname)
         : fd_(::strlen(ifname) < IFNAMSIZ ? ::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_RAW)
                                           : -1)
     {
-        // Zero behind the name: the kernel would take an address family there as a wish.
+        // All zero: with stack garbage behind the name, SIOCGIFADDR could find AF_INET and an
+        // address there, and would then prefer the alias of that address.
         ::memset(&data, 0, sizeof data);
         ::strncpy(data.ifr_name, ifname, IFNAMSIZ - 1);
     }
@@ -72,7 +77,8 @@ private:
     fd_guard fd_;
 };
 
-// The IPv4 address that a request answers with, in network byte order. 0; 1 on failure.
+// Stores the IPv4 address that a request answers with, in network byte order. Returns 0; 1 on
+// failure, with *out untouched.
 int get_address(const char *ifname, unsigned long request, u32 *out)
 {
     interface_request about(ifname);
@@ -83,8 +89,9 @@ int get_address(const char *ifname, unsigned long request, u32 *out)
     return 0;
 }
 
-// Sixteen numbers: of received, then of sent, two of 64 bits and six of 32. What the text does not
-// have stays as it is.
+// Reads a line's sixteen counters into the fields of *out, in their order: eight of what was
+// received, then eight of what was sent, and of each eight the first two in 64 bits, the rest
+// in 32. Where the text ends early, the fields that are left stay as they are.
 void scan_counters(const char *text, if_rxtx *out)
 {
     constexpr int columns = 16;
@@ -116,7 +123,8 @@ int get_rxtx_by_ifname(const char *ifname, if_rxtx *out)
     if (!lines) return 1;
     ::memset(out, 0, sizeof *out);
     while (lines.next()) {
-        // Anywhere in the line, on purpose: "eth0" takes veth0's line where that comes first.
+        // The name is looked for anywhere in the line, on purpose: where veth0's line comes before
+        // eth0's, "eth0" gets the counters of veth0.
         if (::strstr(lines.text, ifname) == nullptr) continue;
         char *at = ::strchr(lines.text, ':');
         if (at != nullptr) scan_counters(at + 1, out);
@@ -163,8 +171,9 @@ int get_ifname_by_ip(u32 ip, char *name, u32 size)
         char *start = lines.text + ::strspn(lines.text, " \t\n\v\f\r");
         char *colon = ::strchr(start, ':');
         if (colon == nullptr) continue;
-        // A line feed, not a NUL, on purpose: the name runs on to the end of the line, so that no
-        // interface has it and every address is "not found".
+        // The colon becomes a line feed instead of a NUL, on purpose: the name that is asked for
+        // then includes the counters, no interface has such a name, and every address is "not
+        // found", as callers know it.
         *colon = '\n';
         u32 found = 0;
         if (get_ip_by_ifname(start, &found) != 0 || found != ip) continue;
@@ -176,7 +185,7 @@ int get_ifname_by_ip(u32 ip, char *name, u32 size)
     return 1;
 }
 
-// The family is complete in name only: these have never been provided.
+// Exported so that each setter has its getter; none of the five has ever been provided.
 
 int set_ip_by_ifname(const char *, u32) { return 1; }
 int set_mask_by_ifname(const char *, u32) { return 1; }
@@ -188,7 +197,7 @@ int set_mtu_by_ifname(const char *, u32) { return 1; }
 
 namespace {
 
-// Ids of LogStrMap
+// The ids of LogStrMap, in its order
 enum log_word {
     word_malloc,
     word_args,
@@ -272,13 +281,13 @@ int socket_open(const char *ifname, const ipport *addr, u32 options, int *fd_out
     const int on = 1;
     if ((options & SOCKET_OPT_REUSE) != 0 &&
         ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
-        // No blank behind "set", on purpose
+        // The trace reads "setsocketopt error": no blank behind "set", on purpose.
         TRACE_FILE("%s set%s SOCKET_OPT_REUSE failed. fd=%d\n", text_of(word_socket),
                    text_of(word_sockopt), fd.get());
         return 1;
     }
     if ((options & SOCKET_OPT_BIND) != 0 && ::bind(fd.get(), generic(local), sizeof local) != 0) {
-        // The caller's address, also where the interface's was to be bound
+        // addr's ip is traced even where an interface's address was to be bound, on purpose.
         const u8 *octets = reinterpret_cast<const u8 *>(&addr->ip);
         TRACE_FILE("%s %s fd=%d,ip=%u.%u.%u.%u,port=%d\n", text_of(word_socket), text_of(word_bind),
                    fd.get(), octets[0], octets[1], octets[2], octets[3], ntohs(addr->port));
@@ -340,7 +349,7 @@ namespace mordel {
 int get_socket_addr(int fd, ipport *out, int which)
 {
     if (which != 0 && which != 1) return 1;
-    struct sockaddr_in address {};  // other families may fill less of it
+    struct sockaddr_in address {};  // zero: for another family the kernel may fill in less
     socklen_t length = sizeof address;
     const auto ask = which == 0 ? ::getsockname : ::getpeername;
     if (ask(fd, generic(address), &length) != 0) return 1;
@@ -363,17 +372,18 @@ int get_socket_local(int fd, ipport *out) { return get_socket_addr(fd, out, 0); 
 
 namespace {
 
-// What socket_select gives its thread, which owns it from then on. A cancelled thread loses it.
+// What a dispatcher is to do. socket_select makes the record and its thread frees it; a thread that
+// is cancelled does not, and the record is lost.
 struct socket_select_ctx {
     int fd;
     socket_select_handlers handlers;
-    struct timeval timeout;  // of each select
+    struct timeval timeout;  // of each select, where has_timeout is 1
     u8 has_timeout;
-    int listening;
+    int listening;  // SO_ACCEPTCONN: non-zero for a listening socket
     pthread_t self;
 };
 
-// False when the thread could not be made.
+// Starts a detached thread. Returns false when it could not be made.
 bool start_detached(void *(*body)(void *), void *arg, pthread_t *thread)
 {
     pthread_attr_t attr;
@@ -597,7 +607,7 @@ int socket_select(int fd, u32 /* reserved */, u32 seconds, u32 microseconds,
         TRACE_FILE("fd %d is too large for select\n", fd);
         return 1;
     }
-    // loop_hdlr is asked of listeners alone, though it is called for every kind.
+    // Only a listener must have a loop_hdlr, though every kind of socket's is called.
     const bool for_listener =
         ctx->listening == 0 || (on.accept_hdlr != nullptr && on.loop_hdlr != nullptr);
     if (!for_listener || on.recv_hdlr == nullptr || on.close_hdlr == nullptr ||
@@ -610,7 +620,7 @@ int socket_select(int fd, u32 /* reserved */, u32 seconds, u32 microseconds,
         TRACE_FILE("%s\n", text_of(word_thread));
         return 1;
     }
-    (void)ctx.release();  // the thread's
+    (void)ctx.release();  // the thread frees it
     *thread_out = thread;
     return 0;
 }
@@ -619,7 +629,7 @@ int socket_select(int fd, u32 /* reserved */, u32 seconds, u32 microseconds,
 
 namespace {
 
-// SOCK_STREAM, SOCK_DGRAM, ...; -1 when fd is no socket.
+// A socket's kind: SOCK_STREAM, SOCK_DGRAM, ...; -1 when fd is no socket.
 int type_of(int fd)
 {
     int type = -1;
@@ -627,7 +637,7 @@ int type_of(int fd)
     return ::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0 ? type : -1;
 }
 
-// The flag of an option that is set
+// The message flag of an option, where the option is set; else 0
 int flag_if(u32 options, u32 option, int flag) { return (options & option) != 0 ? flag : 0; }
 
 }  // namespace
@@ -650,7 +660,7 @@ int socket_send(int fd, u32 options, const void *buf, u32 *len, const ipport *de
     if (to_dest) address = to_sockaddr(*dest);
     const int flags = flag_if(options, SOCKET_OPT_SEND_NONBLOCK, MSG_DONTWAIT) |
                       flag_if(options, SOCKET_OPT_SEND_NOSIGNAL, MSG_NOSIGNAL);
-    // Signed: 2 GiB and more is nothing to send.
+    // The count is compared signed, so that 2 GiB and more sends nothing and succeeds.
     const int wanted = static_cast<int>(*len);
     int sent = 0;
     while (sent < wanted) {
@@ -674,7 +684,7 @@ int socket_recv(int fd, u32 options, u8 *buf, int *len, const ipport *src)
     const bool datagram = type == SOCK_DGRAM;
     const bool from_any = datagram && (options & SOCKET_OPT_RECVFROM) != 0;
     if (type == -1) {
-        TRACE_FILE("%s %s\n", text_of(word_socket), text_of(word_send));  // "send", on purpose
+        TRACE_FILE("%s %s\n", text_of(word_socket), text_of(word_send));  // not recv, on purpose
         return 1;
     }
     if (datagram && (from_any ? src == nullptr : get_socket_state(fd) != 0)) {
@@ -685,14 +695,16 @@ int socket_recv(int fd, u32 options, u8 *buf, int *len, const ipport *src)
         TRACE_FILE("%s Can't handle SO_TYPE=%d\n", text_of(word_socket), type);
         return 1;
     }
-    struct sockaddr_in address;  // the sender's is written there, and handed to nobody
+    struct sockaddr_in address;  // recvfrom writes the sender's there; nobody reads it
     if (from_any) address = to_sockaddr(*src);
     const int flags = flag_if(options, SOCKET_OPT_RECV_PEEK, MSG_PEEK) |
                       flag_if(options, SOCKET_OPT_RECV_WAITALL, MSG_WAITALL);
     const int wanted = *len;
     int received = 0;
     while (received < wanted) {
-        socklen_t length = 4;  // anew: a call leaves the sender's there, which may be longer
+        // Room for 4 bytes of the sender's address, set anew: recvfrom leaves 16 there, the length
+        // that it would have written.
+        socklen_t length = 4;
         const ssize_t now =
             ::recvfrom(fd, buf + received, static_cast<size_t>(wanted - received), flags,
                        from_any ? generic(address) : nullptr, from_any ? &length : nullptr);
@@ -701,7 +713,7 @@ int socket_recv(int fd, u32 options, u8 *buf, int *len, const ipport *src)
             TRACE_FILE("%s %s errno=%d\n", text_of(word_socket), text_of(word_recv), errno);
             return 1;
         }
-        if (now == 0 && !datagram) {  // the end of the stream: no more will come
+        if (now == 0 && !datagram) {  // the stream has ended: every further call would return 0
             *len = received;
             return 1;
         }
@@ -778,9 +790,10 @@ bm_iface *find_iface(const bm_list &registry, const char *ifname)
     return nullptr;
 }
 
-// Bytes per second, of a difference modulo 2^64: a counter that went backwards is not heeded.
-// Seconds: 1..255. As on paper, by digits of 32, 16 and 16 bits: 64-bit division would bring in
-// 1 KiB of libgcc.
+// Bytes per second between two readings of a counter. The difference is taken modulo 2^64, so that
+// a counter that went backwards yields a huge rate, as callers know it. seconds: 1..255.
+// The division is done as on paper, by digits of 32, 16 and 16 bits: a 64-bit division would bring
+// 1 KiB of libgcc into a 32-bit library.
 u64 rate_of(u64 now, u64 last, u32 seconds)
 {
     const u64 bytes = now - last;
@@ -791,7 +804,8 @@ u64 rate_of(u64 now, u64 last, u32 seconds)
     return u64{high / seconds} << 32 | (middle / seconds << 16 | end / seconds);
 }
 
-// Without memory this sample's entry is missing.
+// Appends an interface's rates to its history; a full history reuses its oldest entry. Without
+// memory for a new entry the history goes without these rates.
 void keep_rates(bm_iface *iface)
 {
     bm_sample *entry = nullptr;
@@ -809,7 +823,8 @@ void keep_rates(bm_iface *iface)
     list_add_tail(&entry->node, &iface->history);
 }
 
-// The first sample only primes the counters.
+// Takes one sample of an interface. The first one has nothing to compare with and only keeps the
+// counters.
 void sample(bm_iface *iface, bool keep_history, u32 seconds)
 {
     if_rxtx now{};
@@ -882,8 +897,8 @@ void bm_scan(bm_list *registry, u32 seconds)
 
 void *bmThread(void *arg)
 {
-    // A handler that ran here would interrupt a lock, and what is unlocked without being locked
-    // stays open for good.
+    // Blocks all signals: one would make semop in downdown fail with EINTR; the upup after it would
+    // raise the semaphore to 2 and the lock would exclude nobody.
     sigset_t all;
     ::sigfillset(&all);
     ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
@@ -900,8 +915,9 @@ void *bmThread(void *arg)
     }
     TRACE_CONSOLE("bmThread Exit\n");
     const registry_lock lock(*registry, __LINE__, __func__);
-    // Once the list reads empty the registry may be freed, by an owner who looks without the lock
-    // too: that is the last that is written there.
+    // The owner may free the registry as soon as its list reads empty, even if he looks without the
+    // lock. So the list is emptied by one store, the last access to the registry, and its records
+    // are freed afterwards, along the chain that they still form.
     list_head *const head = &registry->list;
     list_head *node = head->next;
     head->prev = head;
@@ -909,7 +925,7 @@ void *bmThread(void *arg)
     while (node != head) {
         bm_iface *gone = &record_of<&bm_iface::node>(node);
         node = node->next;
-        ::free(gone);  // without its history, on purpose: who kept a list of entries still has it
+        ::free(gone);  // but not its history, on purpose: a caller may still hold those entries
     }
     return nullptr;
 }

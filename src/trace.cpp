@@ -1,5 +1,6 @@
-// The trace sinks. No state: every line opens its sink anew, so that log rotation and a console
-// that comes and goes need no care.
+// The trace sinks. This file owns nothing and needs no lock: every trace opens its sink anew, so
+// that a log that was rotated and a console that comes and goes need no care, and appends its line
+// in one write, so that the lines of threads and processes do not mix.
 
 #include "trace.h"
 
@@ -14,10 +15,10 @@
 namespace mordel {
 namespace {
 
-// Most lines fit; a longer one (a caller's long name) goes through the heap.
+// Most lines fit into this; a longer one (of a caller's long name) is put together on the heap.
 constexpr size_t usual_size = 256;
 
-// By trace_source
+// The names of the source files, by trace_source
 constexpr char source_names[][16] = {"tarnic_convert", "tarnic_qos", "tarnic_iptables",
                                      "tarnic_ipc", "tarnic_network"};
 
@@ -26,7 +27,8 @@ struct place {
     const char *function;
 };
 
-// Prefix and message into text; the length they need, whatever the size.
+// Writes prefix and message to text, cut to size. Returns the length of the whole line; 0 when the
+// message cannot be formatted.
 size_t format_line(char *text, size_t size, const place &at, const char *format, va_list args)
 {
     const int prefix =
@@ -51,29 +53,30 @@ void write_line(int fd, const place &at, const char *format, va_list args)
             (void)format_line(longer.get(), length + 1, at, format, again);
             text = longer.get();
         } else {
-            length = sizeof usual - 1;  // without memory: what fits, still a line
+            length = sizeof usual - 1;  // without memory: what fits, ended as a line
             usual[length - 1] = '\n';
         }
     }
     va_end(again);
-    (void)!::write(fd, text, length);  // nobody to tell
+    (void)!::write(fd, text, length);  // a failure cannot be traced either
 }
 
 struct sink {
     const char *path;
-    int flags;        // besides those of both
+    int flags;        // of open, besides those that both sinks have
     bool plain_only;  // whether anything but a plain file is skipped
 };
 
-// The directory is everybody's: no link is followed, and a planted FIFO must neither hang nor
-// signal us.
+// Anybody may write to /var/tmp and plant something under this name. So no link is followed, and
+// only a plain file with one name is written to. O_NONBLOCK and the check keep a planted FIFO from
+// blocking open, and from raising SIGPIPE at the write.
 constexpr sink log_file = {"/var/tmp/tarnic.log", O_CREAT | O_NOFOLLOW | O_NONBLOCK, true};
 
-// Never created: a missing console must not become a file that grows. Blocking, since a serial line
-// is slower than a report and would lose it.
+// Without O_CREAT: where the console is missing, a plain file in its place would grow without end.
+// Without O_NONBLOCK: a serial line is slower than a report's lines come, and would lose some.
 constexpr sink console = {"/dev/console", 0, false};
 
-// One trace. A sink that cannot be opened is skipped; errno stays what the caller had.
+// Writes one trace line to a sink; a sink that cannot be opened is skipped. errno stays as it was.
 void trace(const sink &to, const place &at, const char *format, va_list args)
 {
     const int error = errno;

@@ -1,15 +1,16 @@
-// The trace sinks: /var/tmp/tarnic.log and the console.
+// Traces to the two sinks: TRACE_FILE to /var/tmp/tarnic.log, TRACE_CONSOLE to the console.
 //
-// A source defines TRACE_SOURCE, its trace_source, before it includes this header. A trace is one
-// open, one write of the whole line and one close; it keeps errno.
+// A source file defines TRACE_SOURCE, its trace_source, before it includes this header. Each trace
+// opens its sink, writes its line in one write, and closes the sink; errno stays as it was.
 #pragma once
 
 namespace mordel {
 
-// The sources that trace, by the names they have in the lines
+// The source files that trace, named as trace lines name them
 enum trace_source { tarnic_convert, tarnic_qos, tarnic_iptables, tarnic_ipc, tarnic_network };
 
-// Source and line in one number: a hundred calls are smaller for it.
+// A source file and a line of it in one number: that makes each of some hundred calls smaller by an
+// argument.
 constexpr unsigned trace_place(trace_source source, unsigned line) { return line << 3 | source; }
 
 void trace_file(unsigned place, const char *function, const char *format, ...)
