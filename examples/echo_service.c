@@ -70,8 +70,8 @@ static int on_close(pthread_t self, int fd)
 static int on_pass(pthread_t self, fd_set *watch, int *exit_flag)
 {
     (void)self;
-    /* While it is not watched, newcomers wait in its backlog. watch is null when the pass timed
-     * out, and then no client has come or left. */
+    /* While the listener is not watched, newcomers wait in its backlog. watch is null when the pass
+     * timed out, and then no client has come or left. */
     if (watch != NULL) {
         if (clients < capacity)
             FD_SET(listener, watch);

@@ -918,6 +918,18 @@ TEST_F(Dispatcher, FailedSelectOfAShortageClosesNobody)
     EXPECT_EQ(lines + journal({"loop S a", "error 2", "loop S a, flag 1"}) + told_to_end(), run());
 }
 
+// An error from before the attempt to accept, for which nobody waits, is no shortage.
+TEST_F(Dispatcher, ListenerWithoutAConnectionIsNotRestedFor)
+{
+    use_listener();
+    steps_ = {[](fd_set *, int *flag) { *flag = 0; }};
+    const test::watch watch("select", 1, EMFILE);
+    EXPECT_EQ(journal({"error 2", "loop S, flag 1", "timeout S", "loop null"}) +
+                  told_after_a_timeout(),
+              run(all(), 0, 20000));
+    EXPECT_EQ((std::vector<int>{20000, 20000}), waits(watch));
+}
+
 // What the header recommends: newcomers wait in the backlog while there are clients enough.
 TEST_F(Dispatcher, CapacityIsKeptByTheLoopHandler)
 {
