@@ -117,8 +117,8 @@ public:
         without_ipv6();
         const std::string here = "/proc/" + std::to_string(::getpid()) + "/fd/";
         const std::string mac = "02:00:00:00:00:0";
-        ip({"link add lan0 address " + mac + "1 type veth peer name far0 address " + mac +
-                "2 netns " + here + std::to_string(far.get()),
+        ip({"link add lan0 txqueuelen 60 address " + mac + "1 type veth peer name far0 address " +
+                mac + "2 netns " + here + std::to_string(far.get()),
             "link add home0 address " + mac + "3 type veth peer name client0 address " + mac +
                 "4 netns " + here + std::to_string(client.get()),
             "link set lan0 up", "link set home0 up", "addr add 10.1.0.1/24 dev lan0",
@@ -283,11 +283,13 @@ void add_tree_class(u32 handle, const void *param, const leaf_qdisc &leaf)
     EXPECT_EQ(0, add_leaf_qdisc("lan0", handle, &leaf));
 }
 
+// While the host is busy elsewhere the guest stands still: what a class may send of that time
+// afterwards is its burst, in bytes.
+constexpr u32 burst = 40000;
+
 void add_htb_class(u32 handle, u32 rate, u32 ceil, const leaf_qdisc &leaf)
 {
-    // While the host is busy elsewhere the guest stands still: what a class may send of that time
-    // afterwards is its burst.
-    const htb_class_param htb = {rate, ceil, 30000, 30000, 0};
+    const htb_class_param htb = {rate, ceil, burst, burst, 0};
     add_tree_class(handle, &htb, leaf);
 }
 
@@ -326,7 +328,7 @@ leaf_qdisc tbf(u32 rate)
 {
     leaf_qdisc leaf{};
     leaf.type = L_TBF;
-    leaf.param.tbf = {200, rate, 30000};
+    leaf.param.tbf = {200, rate, burst};
     return leaf;
 }
 
@@ -704,43 +706,57 @@ TEST_F(Classes, TakeTheirPacketsAndNoOthers)
 
 // ---- How fast -----------------------------------------------------------------------------------
 
-constexpr u32 held_rate = 2000;  // kbit/s, of every class that is held to a rate of its own
+// A busy machine lets the guest stand still for a while, and then nothing is sent, passed on or
+// taken in. So the rates are low, and a burst makes up for every stand-still that is counted. The
+// time around a longer one is left out, and the measurement goes on until it has counted enough.
+
+constexpr u32 offered = 800;    // kbit/s, to every class
+constexpr u32 held_rate = 400;  // kbit/s, of every class that is held to a rate of its own
+constexpr u32 link_rate = 300;  // kbit/s, which the default user class is held to
+constexpr u32 phy_rate = 1000000;
 
 // With its IP and UDP headers and that of Ethernet, which the kernel counts too, 10,000 bits
 constexpr std::size_t payload = 1208;
 constexpr u64 frame_bits = (payload + 8 + 20 + 14) * 8;
 
-// Of a class that is held to nothing: clearly more than the held ones carry
-constexpr u32 free_rate = 2 * held_rate;
+constexpr std::chrono::milliseconds time_of(u32 bytes, u32 rate)
+{
+    return std::chrono::milliseconds(bytes * 8 / rate);
+}
 
-// The default user class is held to the LINK rate; its burst is the library's own, so that it may
-// fall short where the guest stands still.
-constexpr u32 link_rate = 6000;
+constexpr auto window = 4000ms;      // that is to be counted
+constexpr auto longest_gap = 400ms;  // that is counted
+static_assert(longest_gap < time_of(burst, held_rate));
+
+// Counting begins and ends after a gap this short: none of what passes was saved up before.
+constexpr auto short_gap = 40ms;
+
+// At twice its rate a class has used up its burst in the time in which it was saved up.
+constexpr auto settling = time_of(burst, held_rate) + longest_gap;
+
+// A guest that runs so little is not to be measured, and ends the test in red with these figures.
+constexpr auto patience = 180s;
 
 struct flow {
     const char *what;
     u16 handle;
     const char *leaf;
-    u32 offered;   // kbit/s
-    u32 asked;     // kbit/s; 0: no rate holds it
-    double least;  // kbit/s
-    double most;   // kbit/s
+    u32 asked;                        // kbit/s; 0: no rate holds it
+    std::chrono::milliseconds saved;  // the stand-still that its burst makes up for
 };
 
 flow held(const char *what, u16 handle, const char *leaf)
 {
-    return {what, handle, leaf, 2 * held_rate, held_rate, held_rate * 0.9, held_rate * 1.1};
+    return {what, handle, leaf, held_rate, time_of(burst, held_rate)};
 }
 
+// The library's own burst
 flow held_to_link(u16 handle, const char *leaf)
 {
-    return {"default", handle, leaf, 10000, link_rate, free_rate, link_rate * 1.1};
+    return {"default", handle, leaf, link_rate, time_of(6000, link_rate)};
 }
 
-flow unheld(const char *what, u16 handle, const char *leaf)
-{
-    return {what, handle, leaf, 10000, 0, free_rate, 11000};
-}
+flow unheld(const char *what, u16 handle, const char *leaf) { return {what, handle, leaf, 0, {}}; }
 
 // UDP from the router to the far end; each flow has a port of its own.
 class stream {
@@ -749,11 +765,13 @@ public:
         : plan(wanted), to_(address(far_end, port)), in_(receiver(net, to_)), out_(sender())
     {}
 
-    // Sends what is due by now. What the socket does not take is not sent later.
+    // Sends what has become due since the last call, at most that of a gap that counts. What the
+    // socket does not take is not sent later.
     void send(monotonic::duration since_start)
     {
-        const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(since_start).count();
-        const u64 due = static_cast<u64>(ms) * plan.offered / frame_bits;
+        const u64 due = due_in(since_start);
+        const u64 most = due_in(longest_gap);
+        if (tried_ + most < due) tried_ = due - most;
         const std::array<char, payload> data{};
         for (; tried_ < due; ++tried_)
             if (::sendto(out_.get(), data.data(), data.size(), MSG_DONTWAIT, generic(to_),
@@ -772,11 +790,35 @@ public:
         return received != before;
     }
 
+    // From here on
+    void mark()
+    {
+        marked_sent_ = sent;
+        marked_received_ = received;
+    }
+
+    // What came since the mark
+    void count(monotonic::duration time)
+    {
+        counted_sent += sent - marked_sent_;
+        counted_received += received - marked_received_;
+        if (plan.asked != 0 && time > plan.saved) lost += time - plan.saved;
+    }
+
     const flow plan;
     u64 sent = 0;
     u64 received = 0;
+    u64 counted_sent = 0;
+    u64 counted_received = 0;
+    monotonic::duration lost{};  // of the time counted, what its burst does not make up for
 
 private:
+    static u64 due_in(monotonic::duration time)
+    {
+        const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(time).count();
+        return static_cast<u64>(ms) * offered / frame_bits;
+    }
+
     static descriptor receiver(const network &net, const sockaddr_in &at)
     {
         const within there(net.far);
@@ -788,14 +830,23 @@ private:
 
     static descriptor sender()
     {
-        return descriptor(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        descriptor s(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        set_option(s, SOL_SOCKET, SO_SNDBUFFORCE, 4 << 20);  // no queue is too long for it
+        return s;
     }
 
     sockaddr_in to_;
     descriptor in_;
     descriptor out_;
     u64 tried_ = 0;
+    u64 marked_sent_ = 0;
+    u64 marked_received_ = 0;
 };
+
+double in_ms(monotonic::duration time)
+{
+    return std::chrono::duration<double, std::milli>(time).count();
+}
 
 class Rates : public Traffic {
 protected:
@@ -811,61 +862,79 @@ protected:
         start();
         const counters classes = read_counters("class");
         const counters leaves = read_counters("qdisc");
-        const std::vector<double> rates = measure();
-        report(tree, rates, risen(classes, read_counters("class")));
+        measure();
+        drain();
+        report(tree, risen(classes, read_counters("class")));
         expect_leaves(leaves, read_counters("qdisc"));
     }
 
 private:
     static constexpr u16 first_port = 9000;
-    static constexpr auto warm_up = 800ms;  // queues fill, bursts are used up
-    static constexpr auto window = 3000ms;
 
-    void exchange(monotonic::time_point started)
-    {
-        for (stream &s : streams_) s.send(monotonic::now() - started);
-        for (stream &s : streams_) s.receive();
-        std::this_thread::sleep_for(1ms);
-    }
-
-    // Sends for a while, and until all that waits has arrived. Rates at the far end, kbit/s
-    std::vector<double> measure()
+    // The guest's clock goes on while the guest stands still, which shows as a gap in front of the
+    // next look at it.
+    void measure()
     {
         const auto started = monotonic::now();
-        while (monotonic::now() < started + warm_up) exchange(started);
-        std::vector<u64> before;
-        for (const stream &s : streams_) before.push_back(s.received);
-        const auto opened = monotonic::now();
-        while (monotonic::now() < opened + window) exchange(started);
-        const std::chrono::duration<double, std::milli> took = monotonic::now() - opened;
-        std::vector<double> rates;
-        for (std::size_t i = 0; i < streams_.size(); ++i)
-            rates.push_back(static_cast<double>((streams_[i].received - before[i]) * frame_bits) /
-                            took.count());
+        auto counts_from = started + settling;
+        auto marked = started;
+        for (auto last = started; counted_ < window;) {
+            ASSERT_GT(started + patience, last)
+                << "the guest stands still too often: counted " << in_ms(counted_) << " ms";
+            for (stream &s : streams_) s.send(last - started);
+            std::this_thread::sleep_for(1ms);
+            for (stream &s : streams_) s.receive();
+            const auto now = monotonic::now();
+            const auto gap = now - std::exchange(last, now);
+            if (gap > longest_gap) counts_from = now + settling;
+            if (gap > short_gap) continue;
+            if (marked >= counts_from) count(now - marked);
+            for (stream &s : streams_) s.mark();
+            marked = now;
+        }
+        std::printf("\n%.0f ms counted of %.0f ms\n", in_ms(counted_), in_ms(marked - started));
+    }
+
+    void count(monotonic::duration time)
+    {
+        for (stream &s : streams_) s.count(time);
+        counted_ += time;
+    }
+
+    // Until all that waits has arrived
+    void drain()
+    {
         for (int quiet = 0; quiet < 300; ++quiet) {
             for (stream &s : streams_)
                 if (s.receive()) quiet = 0;
             std::this_thread::sleep_for(1ms);
         }
-        return rates;
     }
 
-    void report(const char *tree, const std::vector<double> &rates, const packet_counts &counted)
+    double rate(u64 packets) const
+    {
+        return static_cast<double>(packets * frame_bits) / in_ms(counted_);
+    }
+
+    void report(const char *tree, const packet_counts &counted)
     {
         std::printf("\n| tree | class | leaf | flow | kbit/s offered | asked | measured | packets |"
                     "\n|---|---|---|---|---|---|---|---|\n");
         packet_counts got;
-        for (std::size_t i = 0; i < streams_.size(); ++i) {
-            const stream &s = streams_[i];
+        for (const stream &s : streams_) {
             const flow &f = s.plan;
             SCOPED_TRACE(f.what);
+            const double sent = rate(s.counted_sent);
+            const double passed = rate(s.counted_received);
             const u64 packets = counted.contains(f.handle) ? counted.at(f.handle) : 0;
-            std::printf("| %-4s | 1:%-2x | %-5s | %-20s | %5u | %5s | %7.1f | %5u |\n", tree,
-                        f.handle, f.leaf, f.what, f.offered,
-                        f.asked != 0 ? std::to_string(f.asked).c_str() : "-", rates[i],
+            std::printf("| %-4s | 1:%-2x | %-5s | %-22s | %6.1f | %5s | %6.1f | %5u |\n", tree,
+                        f.handle, f.leaf, f.what, sent,
+                        f.asked != 0 ? std::to_string(f.asked).c_str() : "-", passed,
                         static_cast<unsigned>(packets));
-            EXPECT_LE(f.least, rates[i]);
-            EXPECT_GE(f.most, rates[i]);
+            const double most = f.asked != 0 ? f.asked : sent;
+            EXPECT_NEAR(offered, sent, offered * 0.1);
+            EXPECT_GE(most * 1.1, passed);
+            EXPECT_LE(most * 0.9 * (1 - s.lost / std::chrono::duration<double>(counted_)), passed);
             got[f.handle] = s.received;
         }
         EXPECT_EQ(got, counted);  // all that a class let pass has arrived, and none by another
@@ -888,17 +957,18 @@ private:
     }
 
     std::vector<stream> streams_;
+    monotonic::duration counted_{};
 };
 
 TEST_F(Rates, OfHtb)
 {
-    const u32 speeds[4] = {link_rate, link_rate, 100000, 100000};
+    const u32 speeds[4] = {link_rate, link_rate, phy_rate, phy_rate};
     class_root_param root{};
     root.default_class = 3;
     EXPECT_EQ(0, add_root_qdisc(speeds, "lan0", R_HTB, &root));
-    add_htb_class(0x10, 500, held_rate, pfifo(50));
+    add_htb_class(0x10, 100, held_rate, pfifo(50));
     add_htb_class(0x11, held_rate, held_rate, red());
-    add_htb_class(0x12, 1000, 100000, tbf(held_rate));
+    add_htb_class(0x12, 200, phy_rate, tbf(held_rate));
     load("HTB", root.default_class,
          {unheld("free", 2, "sfq"), held_to_link(3, "pfifo"), held("held by ceil", 0x10, "pfifo"),
           held("held by rate and ceil", 0x11, "red"), held("held by its leaf", 0x12, "tbf")});
@@ -907,11 +977,11 @@ TEST_F(Rates, OfHtb)
 // No TBF leaf: while it waits, HFSC stops at its class, and the others fall short.
 TEST_F(Rates, OfHfsc)
 {
-    const u32 speeds[4] = {link_rate, link_rate, 100000, 100000};
+    const u32 speeds[4] = {link_rate, link_rate, phy_rate, phy_rate};
     class_root_param root{};
     root.default_class = 3;
     EXPECT_EQ(0, add_root_qdisc(speeds, "lan0", R_HFSC, &root));
-    add_hfsc_class(0x10, held_rate, 500, sfq());
+    add_hfsc_class(0x10, held_rate, 100, sfq());
     add_hfsc_class(0x11, held_rate, held_rate, red());
     load("HFSC", root.default_class,
          {unheld("free", 2, "sfq"), held_to_link(3, "pfifo"), held("held by ul", 0x10, "sfq"),
