@@ -285,7 +285,7 @@ void add_tree_class(u32 handle, const void *param, const leaf_qdisc &leaf)
 
 // While the host is busy elsewhere the guest stands still: what a class may send of that time
 // afterwards is its burst, in bytes.
-constexpr u32 burst = 40000;
+constexpr u32 burst = 80000;
 
 void add_htb_class(u32 handle, u32 rate, u32 ceil, const leaf_qdisc &leaf)
 {
@@ -725,7 +725,7 @@ constexpr std::chrono::milliseconds time_of(u32 bytes, u32 rate)
 }
 
 constexpr auto window = 4000ms;      // that is to be counted
-constexpr auto longest_gap = 400ms;  // that is counted
+constexpr auto longest_gap = 800ms;  // that is counted
 static_assert(longest_gap < time_of(burst, held_rate));
 
 // Counting begins and ends after a gap this short: none of what passes was saved up before.
