@@ -757,7 +757,7 @@ private:
     static void boot()
     {
         const std::string here = MORDEL_KERNEL_DIR;
-        const std::string run = "TMPDIR=/var/tmp UML_TIMEOUT=300 '" + here + "/uml-run' '" + here +
+        const std::string run = "TMPDIR=/var/tmp '" + here + "/uml-run' '" + here +
                                 "/observe' /var/tmp/kernel >/var/tmp/out 2>/var/tmp/err";
         const int ended = std::system(run.c_str());
         status = WIFEXITED(ended) ? WEXITSTATUS(ended) : -1;
