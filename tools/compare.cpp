@@ -18,8 +18,6 @@ namespace {
 using scope = difference::scope;
 using std::string;
 
-constexpr u32 root_id = 0x10000;  // 1:0, which the classes' numbers are added to
-
 void compare_leaf(const tree_class &c, const live_qdisc *seen, differences &found)
 {
     const leaf_kind &kind = kind_of(c.leaf);

@@ -10,6 +10,8 @@
 
 namespace tool {
 
+inline constexpr u32 root_id = 0x10000;  // 1:0, which the classes' numbers are added to
+
 struct live_stats {
     u64 bytes = 0;
     u64 packets = 0;

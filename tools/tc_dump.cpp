@@ -7,8 +7,12 @@
 #include <linux/if_ether.h>
 #include <linux/pkt_sched.h>
 
+#include <cerrno>
+#include <cstdlib>
+
 #include "leaf.h"
 #include "root.h"
+#include "ticks.h"
 
 namespace tool {
 namespace {
@@ -34,8 +38,10 @@ live_stats parse_stats(std::span<const char> value)
 
 }  // namespace
 
-live_class parse_class(const tcmsg &head, std::span<const char> attributes, double ticks_per_us)
+std::optional<live_class> parse_class(const tcmsg &head, std::span<const char> attributes,
+                                      double ticks_per_us)
 {
+    if (TC_H_MAJ(head.tcm_handle) != root_id || head.tcm_handle == root_id) return std::nullopt;
     live_class c;
     c.id = head.tcm_handle;
     c.parent = head.tcm_parent;
@@ -87,6 +93,51 @@ std::optional<live_filter> parse_filter(const tcmsg &head, std::span<const char>
     f.plain = fw && !more && head.tcm_info >> 16 == script_priority &&
               (head.tcm_info & 0xffff) == htons(ETH_P_IP);
     return f;
+}
+
+double parse_psched(const char *line)
+{
+    // In hexadecimal: ns in 1 us, ns in a tick, and the units of the kernel's time in 1 s
+    unsigned long numbers[3] = {};
+    char *at = nullptr;
+    for (unsigned long &number : numbers) {
+        number = std::strtoul(line, &at, 16);
+        line = at;
+    }
+    if (numbers[1] == 0 || numbers[2] == 0) return usual_ticks_per_us;
+    return static_cast<double>(numbers[0]) / static_cast<double>(numbers[1]) *
+           static_cast<double>(numbers[2]) / 1e6;
+}
+
+bool dump_reader::take(std::span<const char> bytes)
+{
+    while (bytes.size() >= sizeof(nlmsghdr)) {
+        nlmsghdr head{};
+        std::memcpy(&head, bytes.data(), sizeof head);
+        if (head.nlmsg_len < sizeof head || head.nlmsg_len > bytes.size()) break;
+        if (head.nlmsg_seq == sequence_ &&
+            !message(head.nlmsg_type, bytes.subspan(sizeof head, head.nlmsg_len - sizeof head)))
+            return false;
+        bytes = bytes.subspan(std::min<std::size_t>(NLMSG_ALIGN(head.nlmsg_len), bytes.size()));
+    }
+    return true;
+}
+
+bool dump_reader::message(unsigned type, std::span<const char> body)
+{
+    if (type == NLMSG_DONE) ended_ = true;
+    // The end of a dump that broke off carries an error too.
+    if (type == NLMSG_ERROR || type == NLMSG_DONE) {
+        int error = 0;
+        std::memcpy(&error, body.data(), std::min(sizeof error, body.size()));
+        errno = -error;
+        return error >= 0;
+    }
+    if (body.size() < sizeof(tcmsg)) return true;
+    tcmsg head{};
+    std::memcpy(&head, body.data(), sizeof head);
+    if (head.tcm_ifindex == ifindex_) each_(head, body.subspan(sizeof head));
+    return true;
 }
 
 const live_qdisc *live_tree::root() const
