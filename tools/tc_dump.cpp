@@ -81,6 +81,7 @@ std::optional<live_filter> parse_filter(const tcmsg &head, std::span<const char>
     bool more = false;
     each_attribute(attributes, [&](const attribute &a) {
         if (a.type == TCA_KIND) fw = a.text() == "fw";
+        if (a.type == TCA_CHAIN && a.as<u32>() != 0) more = true;  // which no packet comes to
         if (a.type != TCA_OPTIONS) return;
         each_attribute(a.value, [&](const attribute &option) {
             if (option.type == fw_classid)

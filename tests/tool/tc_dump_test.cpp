@@ -392,6 +392,12 @@ TEST(TcDump, AFilterAsTheScriptsMakeItIsPlain)
     EXPECT_EQ("mark 10 to 10010", filter(0x10, as_scripted, to_10 + kind("fw")));
     EXPECT_EQ("mark 10 to 10010",
               filter(0x10, as_scripted, kind("fw") + attribute(TCA_CHAIN, u32{0}) + to_10));
+    // What holds attributes of other meanings
+    EXPECT_EQ("mark 10 to 10010",
+              filter(0x10, as_scripted,
+                     kind("fw") + to_10 +
+                         attribute(TCA_STATS2, attribute(TCA_STATS_BASIC, u32{9}) +
+                                                   attribute(TCA_STATS_QUEUE, u32{9}))));
     EXPECT_EQ("mark ffffffff to 10010", filter(0xffffffff, as_scripted, kind("fw") + to_10));
     EXPECT_EQ("mark 10 to 0", filter(0x10, as_scripted, kind("fw") + options("")));
     EXPECT_EQ("none", filter(0, as_scripted, kind("fw") + to_10));
@@ -413,6 +419,8 @@ TEST(TcDump, AnyOtherFilterIsNotPlain)
     for (const char *name : {"u32", "f", "fwx", "flow", ""})
         EXPECT_EQ(other, filter(0x10, as_scripted, kind(name) + options(to_10)));
     EXPECT_EQ(other, filter(0x10, as_scripted, options(to_10)));
+    // In another chain than 0 no packet comes to it.
+    EXPECT_EQ(other, filter(0x10, as_scripted, fw + attribute(TCA_CHAIN, u32{3}) + options(to_10)));
 }
 
 // ---- Attributes that are not whole --------------------------------------------------------------
@@ -445,7 +453,7 @@ TEST(TcDump, AnAttributeIsReadWhenItsLastByteIsThere)
 // What stands behind an attribute with a wrong length cannot be found.
 TEST(TcDump, AnAttributeOfAWrongLengthEndsThem)
 {
-    for (const std::size_t length : {0, 1, 3, 60000}) {
+    for (const std::size_t length : {0U, 1U, 3U, 60000U}) {
         SCOPED_TRACE(length);
         const string wrong = attribute_of(TCA_KIND, length, "prio");  // 8 bytes
         EXPECT_EQ("htb", class_of(kind("htb") + wrong).kind);
@@ -614,7 +622,7 @@ TEST(TcDump, AMessageThatIsNotWholeEndsItsDatagram)
         EXPECT_EQ("1 ended", dump({two.substr(0, size), done()})) << size;
     for (std::size_t size = 0; size < 36; ++size)
         EXPECT_EQ("more", dump({two.substr(0, size)})) << size;
-    for (const std::size_t length : {0, 1, 15, 37, 60000})
+    for (const std::size_t length : {0U, 1U, 15U, 37U, 60000U})
         EXPECT_EQ("more", dump({message_of(length, RTM_NEWQDISC, sequence, bytes(head_of(1, 0)))}))
             << length;
 }
