@@ -653,6 +653,31 @@ TEST(Compare, CurvesAreNearByTwoAndATenThousandth)
                                 {62491, ul("801600bit for 15000us, then 499928bit")}}));
 }
 
+// The ten thousandth is of the policy's number: 2 and 200000 of 2000000000 (2000000 bytes in 1 ms),
+// 2 and 100000 of 1000000000 (8 Gbit/s, and 1000000000 bytes in 1000000 ms), but no more.
+TEST(Compare, NearIsNearToThePolicy)
+{
+    const live_curve one = line(1000000);
+    const policy_interface fast =
+        hfsc_interface("sc = '8mbit'\nul = { rate = '8gbit', umax = 2000000, dmax = 1 }");
+    const live_tree t = hfsc_tree(one, one, live_curve{2000000000, 1000, 1000000000});
+    const auto ul = [](const string &seen) {
+        return "class 11: curve ul is " + seen + "; not 16gbit for 1000us, then 8gbit";
+    };
+    expect_differences(fast, t,
+                       each_ul(&live_curve::m1, {2000200001},
+                               {{2000200003, ul("16001600024bit for 1000us, then 8gbit")}}));
+    expect_differences(fast, t,
+                       each_ul(&live_curve::m2, {1000100001},
+                               {{1000100003, ul("16gbit for 1000us, then 8000800024bit")}}));
+    expect_differences(
+        hfsc_interface("sc = '8mbit'\nul = { rate = '1kbit', umax = 1000000000, dmax = 1000000 }"),
+        hfsc_tree(one, one, live_curve{1000000, 1000000000, 125}),
+        each_ul(&live_curve::d, {1000100001},
+                {{1000100003, "class 11: curve ul is 8mbit for 1000100003us, then 1kbit; not 8mbit"
+                              " for 1000000000us, then 1kbit"}}));
+}
+
 struct curve_row {
     const char *given;
     live_curve made;
