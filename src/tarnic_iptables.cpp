@@ -501,13 +501,13 @@ void write_jumps(FILE *out, const char *action, const char *prefix, const char *
     ::fprintf(out, "iptables -t mangle %s OUTPUT -o %s -g %s%s 2>/dev/null\n", action, ifname,
               prefix, ifname);
     ::fprintf(out, "iptables -t mangle %s %s%s -m connmark ! --mark 0 -j %s%s%s 2>/dev/null\n",
-              action, prefix, ifname, prefix, ifname, "_AUTO");
+              action, prefix, ifname, prefix, ifname, automark_suffix);
 }
 
 // One command on the rule chain, then on the automark chain.
 void write_both_chains(FILE *out, const char *command, const char *prefix, const char *ifname)
 {
-    for (const char *suffix : {"", "_AUTO"})
+    for (const char *suffix : {"", automark_suffix})
         ::fprintf(out, "iptables -t mangle %s %s%s%s 2>/dev/null\n", command, prefix, ifname,
                   suffix);
 }
@@ -561,7 +561,7 @@ int renew_qos_rule(FILE *out, const char *ifname, list_head *rules)
         ::fprintf(out,
                   "iptables -t mangle -A %s%s%s -m connmark --mark %d -j MARK --set-mark 0x%x"
                   " 2>/dev/null\n",
-                  chain_prefix, ifname, "_AUTO", connection_mark, mark);
+                  chain_prefix, ifname, automark_suffix, connection_mark, mark);
     }
     return 0;
 }

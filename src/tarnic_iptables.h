@@ -41,7 +41,9 @@ enum protocol_id { proto_tcp, proto_udp, proto_icmp, proto_both, proto_all, prot
 
 // ---- Rendering ---------------------------------------------------------------------------------
 
+// An interface's rule chain is chain_prefix and its name; its automark chain has the suffix as well.
 constexpr char chain_prefix[] = "QOS_";
+constexpr char automark_suffix[] = "_AUTO";
 constexpr u32 flag_text_size = 32;    // what get_tcp_flag_str clears
 constexpr u32 rule_text_size = 1024;  // what draw_target clears
 

@@ -21,7 +21,6 @@
 
 #include "kernel.h"
 #include "leaf.h"
-#include "model.h"
 #include "state.h"
 #include "text.h"
 #include "tree.h"
@@ -115,12 +114,14 @@ string brief(const string &said)
 
 class applier {
 public:
-    applier(const policy_interface &iface, const string &policy_text, const apply_options &o)
-        : iface_(iface),
+    applier(const policy &p, const policy_interface &iface, const string &policy_text,
+            const string &script, const apply_options &o)
+        : policy_(p),
+          iface_(iface),
           policy_text_(policy_text),
           options_(o),
           name_(iface.name),
-          script_(script_text(name_, script::start)),
+          script_(script),
           wanted_(script_),
           chains_(name_, o.wait)
     {
@@ -471,7 +472,8 @@ private:
         if (!is_on_path("tc")) return give_up("tc is missing");
         // The script's own iptables calls wait without an end: not before the lock was free.
         if (!read_kernel(name_, why) || !chains_.list(why)) return give_up(why);
-        if (start_qos(name_.c_str()) != 1) return give_up(format("cannot write %s", start_script));
+        if (!write_start_script(policy_, name_))
+            return give_up(format("cannot write %s", start_script));
         const run_result result = run({start_script}, "", script_seconds);
         if (result.missing) return give_up(format("cannot run %s", start_script));
         if (!verify() || !rules_are_there(why)) {
@@ -539,6 +541,7 @@ private:
             format("cannot write to %s: status will not know the policy", state_folder));
     }
 
+    const policy &policy_;
     const policy_interface &iface_;
     const string &policy_text_;
     const apply_options &options_;
@@ -558,24 +561,25 @@ private:
 
 }  // namespace
 
-std::vector<outcome> apply_policy(const policy &p, const string &text, const apply_options &o)
+std::vector<outcome> apply_policy(const policy &p, const string &text, const rendering &texts,
+                                  const apply_options &o)
 {
     std::vector<outcome> all;
     const uninterrupted section;
-    for (const policy_interface &iface : p.interfaces) {
-        all.push_back(applier(iface, text, o).apply());
+    for (std::size_t i = 0; i < p.interfaces.size(); ++i) {
+        all.push_back(applier(p, p.interfaces[i], text, texts.interfaces[i].start, o).apply());
         if (all.back().result == outcome::kind::failed) break;
     }
     return all;
 }
 
-std::vector<outcome> stop_policy(const policy &p, const apply_options &o)
+std::vector<outcome> stop_policy(const policy &p, const rendering &texts, const apply_options &o)
 {
     std::vector<outcome> all;
     const uninterrupted section;
     const string none;
-    for (const policy_interface &iface : p.interfaces)
-        all.push_back(applier(iface, none, o).stop());
+    for (std::size_t i = 0; i < p.interfaces.size(); ++i)
+        all.push_back(applier(p, p.interfaces[i], none, texts.interfaces[i].start, o).stop());
     return all;
 }
 

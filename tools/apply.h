@@ -7,6 +7,7 @@
 
 #include "compare.h"
 #include "policy.h"
+#include "render.h"
 #include "rules.h"
 
 namespace tool {
@@ -31,10 +32,11 @@ struct outcome {
     bool restored = false;           // back on the default qdisc, without a chain
 };
 
-// Interfaces in turn; the first failure ends it. Call with the lock held, and the policy declared
-// (model.h). text: the policy's file, which `status` will want.
-std::vector<outcome> apply_policy(const policy &p, const std::string &text, const apply_options &o);
-std::vector<outcome> stop_policy(const policy &p, const apply_options &o);
+// Interfaces in turn; the first failure ends it. Call with the lock held. text: the policy's file,
+// which `status` will want; texts: what render() made of the policy.
+std::vector<outcome> apply_policy(const policy &p, const std::string &text, const rendering &texts,
+                                  const apply_options &o);
+std::vector<outcome> stop_policy(const policy &p, const rendering &texts, const apply_options &o);
 
 // One apply or stop at a time, on the whole machine
 class apply_lock {

@@ -13,8 +13,8 @@
 
 #include "apply.h"
 #include "guards.h"
-#include "model.h"
 #include "policy.h"
+#include "render.h"
 #include "show.h"
 #include "status.h"
 #include "text.h"
@@ -101,6 +101,15 @@ std::optional<loaded> load_good(const options &o)
     return std::nullopt;
 }
 
+// What the library makes of a policy; none, after a word, when it refuses.
+std::optional<rendering> texts_of(const policy &p)
+{
+    rendering texts = tool::render(p);
+    if (texts.refused.empty()) return texts;
+    complain("the library refused " + texts.refused);
+    return std::nullopt;
+}
+
 // By the locale's name alone: a router has no locales to ask.
 bool is_utf8_locale()
 {
@@ -158,14 +167,11 @@ int render(const options &o)
 {
     const auto l = load_good(o);
     if (!l) return refused;
-    const script which = o.stop ? script::stop : o.rules_only ? script::rules : script::start;
-    const model m(l->rules);
-    if (!m.refused().empty()) {
-        complain("the library refused " + m.refused());
-        return failed;
-    }
+    const auto texts = texts_of(l->rules);
+    if (!texts) return failed;
     string all;
-    for (const policy_interface &iface : l->rules.interfaces) all += script_text(iface.name, which);
+    for (const interface_texts &one : texts->interfaces)
+        all += o.stop ? one.stop : o.rules_only ? one.rules : one.start;
     return write_out(all);
 }
 
@@ -264,11 +270,8 @@ int apply_or_stop(const options &o, bool stopping)
         complain("this takes root; --dry-run shows what would be done");
         return failed;
     }
-    const model m(l->rules);
-    if (!m.refused().empty()) {
-        complain("the library refused " + m.refused());
-        return failed;
-    }
+    const auto texts = texts_of(l->rules);
+    if (!texts) return failed;
     std::optional<apply_lock> lock;
     if (!o.apply.dry_run) {
         lock.emplace(o.apply.wait);
@@ -277,8 +280,9 @@ int apply_or_stop(const options &o, bool stopping)
             return failed;
         }
     }
-    return report(
-        stopping ? stop_policy(l->rules, o.apply) : apply_policy(l->rules, l->text, o.apply), o);
+    return report(stopping ? stop_policy(l->rules, *texts, o.apply)
+                           : apply_policy(l->rules, l->text, *texts, o.apply),
+                  o);
 }
 
 // ---- status -------------------------------------------------------------------------------------
@@ -295,10 +299,12 @@ std::optional<interface_status> status_of(const string &name, const options &o,
         p = read_policy(*text, kernel_kind::vendor, ignored);
     }
     std::erase_if(p.interfaces, [&](const policy_interface &iface) { return iface.name != name; });
-    const model m(p);
+    const auto texts = texts_of(p);
+    if (!texts) return std::nullopt;
+    const bool known = !p.interfaces.empty();
     string why;
-    auto s = look_at(name, p.interfaces.empty() ? nullptr : &p.interfaces.front(), o.seconds,
-                     o.apply.wait, why);
+    auto s = look_at(name, known ? &p.interfaces.front() : nullptr,
+                     known ? texts->interfaces.front().start : "", o.seconds, o.apply.wait, why);
     if (!s) complain(name + ": " + why);
     return s;
 }

@@ -7,7 +7,6 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
-#include "model.h"
 #include "rules.h"
 #include "text.h"
 #include "tree.h"
@@ -24,16 +23,16 @@ string limits_of(const live_class &c)
     return "";
 }
 
-void compare_rules(const policy_interface &iface, unsigned wait, interface_status &s)
+void compare_rules(const string &script, unsigned wait, interface_status &s)
 {
     if (::geteuid() != 0) {
         s.notes.emplace_back("rules not looked at: that takes root");
         return;
     }
     std::vector<string> commands;
-    for (const string &line : lines_of(script_text(iface.name, script::start)))
+    for (const string &line : lines_of(script))
         if (const string c = rule_command(line); !c.empty()) commands.push_back(c);
-    const rule_chains chains(iface.name, wait);
+    const rule_chains chains(s.name, wait);
     string why;
     const auto present = chains.list(why);
     if (!present) {
@@ -62,7 +61,8 @@ string headline(const interface_status &s)
 }  // namespace
 
 std::optional<interface_status> look_at(const string &ifname, const policy_interface *policy,
-                                        double seconds, unsigned wait, string &why)
+                                        const string &script, double seconds, unsigned wait,
+                                        string &why)
 {
     const auto first = read_kernel(ifname, why);
     if (!first) return std::nullopt;
@@ -83,7 +83,7 @@ std::optional<interface_status> look_at(const string &ifname, const policy_inter
         for (const difference &d : compare(*policy, *second))
             s.differences.push_back(
                 d.handle == 0 ? d.text : format("class 1:%x: %s", d.handle, d.text.c_str()));
-        compare_rules(*policy, wait, s);
+        compare_rules(script, wait, s);
     }
     for (const live_class &c : second->classes) {
         class_status row;

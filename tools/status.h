@@ -28,10 +28,11 @@ struct interface_status {
     std::vector<class_status> classes;
 };
 
-// Looks at an interface twice, so many seconds apart. policy: null when none is known. None when
-// the kernel does not answer; `why` says so.
+// Looks at an interface twice, so many seconds apart. policy: null when none is known; script: its
+// start script. None when the kernel does not answer; `why` says so.
 std::optional<interface_status> look_at(const std::string &ifname, const policy_interface *policy,
-                                        double seconds, unsigned wait, std::string &why);
+                                        const std::string &script, double seconds, unsigned wait,
+                                        std::string &why);
 
 std::string status_text(const interface_status &s, const look &how);
 std::string status_json(const std::vector<interface_status> &all);

@@ -23,8 +23,8 @@
 #include <sstream>
 
 #include "list_range.h"
-#include "model.h"
 #include "policy.h"
+#include "render.h"
 #include "tarnic_iptables.h"
 #include "tarnic_qos.h"
 
@@ -33,10 +33,8 @@ namespace {
 using std::string;
 using tool::diagnostics;
 using tool::kernel_kind;
-using tool::model;
 using tool::policy;
-using tool::script;
-using tool::script_text;
+using tool::render;
 
 using strings = std::vector<string>;
 
@@ -109,6 +107,19 @@ void empty_library()
     ASSERT_NE(0U, list_empty(&qos_root));
 }
 
+enum class script { start, stop, rules };
+
+// One interface's script of a rendering
+string script_text(const tool::rendering &all, const string &name, script which)
+{
+    for (const tool::interface_texts &texts : all.interfaces) {
+        if (texts.name != name) continue;
+        if (which == script::stop) return texts.stop;
+        return which == script::rules ? texts.rules : texts.start;
+    }
+    return "";
+}
+
 // A policy that must be taken, and one interface's script of it
 string rendered(const string &text, const string &name = "eth0", script which = script::start,
                 kernel_kind kernel = kernel_kind::vendor)
@@ -117,9 +128,9 @@ string rendered(const string &text, const string &name = "eth0", script which = 
     const policy p = tool::read_policy(text, kernel, found);
     EXPECT_FALSE(found.failed()) << shown(found) << text;
     if (found.failed()) return "";
-    const model m(p);
-    EXPECT_EQ("", m.refused()) << text;
-    return script_text(name, which);
+    const tool::rendering all = render(p);
+    EXPECT_EQ("", all.refused) << text;
+    return script_text(all, name, which);
 }
 
 // ---- Random policies ----------------------------------------------------------------------------
@@ -1108,14 +1119,16 @@ void expect_same(u32 seed)
     EXPECT_EQ(strings{}, warnings) << "warnings that did not come";
     if (found.failed()) return;
 
-    const model m(p);
-    EXPECT_EQ("", m.refused());
+    const tool::rendering all = render(p);
+    EXPECT_EQ("", all.refused);
     EXPECT_EQ(made.names().size(), p.interfaces.size());
+    EXPECT_EQ(made.names().size(), all.interfaces.size());
+    EXPECT_NE(0U, list_empty(&qos_root));
     for (const auto &[name, expected] : by_calls) {
         EXPECT_FALSE(expected[0].empty());
-        EXPECT_EQ(expected[0], script_text(name, script::start));
-        EXPECT_EQ(expected[1], script_text(name, script::stop));
-        EXPECT_EQ(expected[2], script_text(name, script::rules));
+        EXPECT_EQ(expected[0], script_text(all, name, script::start));
+        EXPECT_EQ(expected[1], script_text(all, name, script::stop));
+        EXPECT_EQ(expected[2], script_text(all, name, script::rules));
     }
 }
 
@@ -1590,13 +1603,21 @@ bool private_var_tmp()
            ::mount("tmpfs", "/var/tmp", "tmpfs", 0, "mode=1777") == 0;
 }
 
-// In a process of its own; the library holds a policy with one interface, eth0.
-int scripts_on_disk()
+// In a process of its own. The interface, eth0, has the default tree and one rule.
+int scripts_on_disk(const policy &p)
 {
     if (!private_var_tmp()) return cannot;
-    const bool ok = start_qos("eth0") == 1 && stop_qos("eth0") == 1 &&
-                    read_file("/var/tmp/qos_start") == script_text("eth0", script::start) &&
-                    read_file("/var/tmp/qos_stop") == script_text("eth0", script::stop);
+    const tool::rendering all = render(p);
+    const bool started = tool::write_start_script(p, "eth0") && list_empty(&qos_root) != 0;
+    const tool::policy_interface &iface = p.interfaces.front();
+    const tool::policy_rule &rule = iface.rules.front();
+    const bool stopped =
+        add_root_qdisc(iface.speeds, "eth0", iface.root_type, &iface.param) == 0 &&
+        add_qos_rule("eth0", static_cast<u8>(rule.index.get()), &rule.match, &rule.target) == 1 &&
+        stop_qos("eth0") == 1;
+    const bool ok = started && stopped &&
+                    read_file("/var/tmp/qos_start") == script_text(all, "eth0", script::start) &&
+                    read_file("/var/tmp/qos_stop") == script_text(all, "eth0", script::stop);
     return ok ? 0 : differs;
 }
 
@@ -1611,10 +1632,9 @@ TEST(Render, IsWhatStartQosPutsOnDisk)
             text + "[[interface.rule]]\nindex = 1\nmatch.url = 'a'\ntarget.dscp = 1\n",
             kernel_kind::vendor, found);
         ASSERT_FALSE(found.failed()) << shown(found);
-        const model m(p);
         const pid_t child = ::fork();
         ASSERT_LE(0, child);
-        if (child == 0) ::_exit(scripts_on_disk());
+        if (child == 0) ::_exit(scripts_on_disk(p));
         int status = 0;
         ASSERT_EQ(child, ::waitpid(child, &status, 0));
         ASSERT_TRUE(WIFEXITED(status));
@@ -1752,9 +1772,9 @@ TEST(Injection, ANameOfAClassIsInNoScript)
         if (found.failed()) continue;
         ++taken;
         EXPECT_TRUE(printable(text));
-        const model m(p);
-        EXPECT_EQ(plain, script_text("eth0", script::start));
-        EXPECT_EQ(plain_rules, script_text("eth0", script::rules));
+        const tool::rendering all = render(p);
+        EXPECT_EQ(plain, script_text(all, "eth0", script::start));
+        EXPECT_EQ(plain_rules, script_text(all, "eth0", script::rules));
     }
     EXPECT_LE(100U, taken);
 }
@@ -1833,9 +1853,9 @@ TEST(Injection, WhatIsTakenMakesAPlainScript)
             continue;
         }
         ++taken;
-        const model m(p);
-        ASSERT_EQ("", m.refused());
-        const string script = script_text(made.name, script::start);
+        const tool::rendering texts = render(p);
+        ASSERT_EQ("", texts.refused);
+        const string script = script_text(texts, made.name, script::start);
         const strings all = lines_of(script);
         EXPECT_EQ(lines, all.size()) << script;
         for (const string &line : all) {
