@@ -1,3 +1,7 @@
+// Owns the running of other programs: started with posix_spawn, fed and heard through files without
+// a name. A pipe would need somebody to read it while somebody else writes; a file holds whatever
+// comes, and its reader starts when the program has ended.
+
 #include "process.h"
 
 #include <spawn.h>
@@ -8,9 +12,8 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
-#include <memory>
+#include <optional>
 #include <thread>
 
 namespace tool {
@@ -53,71 +56,68 @@ int wait_for(pid_t child, unsigned seconds)
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-}  // namespace
-
-std::unique_ptr<FILE, stream_closer> make_temporary()
+// Starts a program with three files as its standard input, output and error. None when it cannot be
+// started.
+std::optional<pid_t> spawn(const std::vector<std::string> &command,
+                           const std::array<FILE *, 3> &files, bool own_group)
 {
-    // Older kernels have none in memory.
-    const int fd = ::memfd_create("mordel", MFD_CLOEXEC);
-    return std::unique_ptr<FILE, stream_closer>(fd >= 0 ? ::fdopen(fd, "w+e") : std::tmpfile());
-}
-
-run_result run(const std::vector<std::string> &command, const std::string &input, unsigned seconds)
-{
-    run_result result;
-    const auto in = make_temporary();
-    const auto out = make_temporary();
-    const auto err = make_temporary();
-    if (!in || !out || !err || !fill(in.get(), input)) {
-        result.missing = true;
-        result.err = "no room for a temporary file";
-        return result;
-    }
     std::vector<char *> argv;
     argv.reserve(command.size() + 1);
     for (const std::string &word : command) argv.push_back(const_cast<char *>(word.c_str()));
     argv.push_back(nullptr);
-
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, ::fileno(in.get()), STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, ::fileno(out.get()), STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, ::fileno(err.get()), STDERR_FILENO);
+    for (int fd = 0; fd < 3; ++fd)
+        posix_spawn_file_actions_adddup2(&actions, ::fileno(files[static_cast<unsigned>(fd)]), fd);
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
-    if (seconds != 0) posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+    if (own_group) posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
     pid_t child = 0;
     const int failure =
         ::posix_spawnp(&child, argv.front(), &actions, &attributes, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
-    if (failure != 0) {
+    return failure == 0 ? std::optional(child) : std::nullopt;
+}
+
+}  // namespace
+
+mordel::stream_guard make_temporary()
+{
+    // Older kernels have none in memory.
+    const int fd = ::memfd_create("mordel", MFD_CLOEXEC);
+    return mordel::stream_guard(fd >= 0 ? ::fdopen(fd, "w+e") : std::tmpfile());
+}
+
+run_result run(const std::vector<std::string> &command, const std::string &input, unsigned seconds)
+{
+    const auto in = make_temporary();
+    const auto out = make_temporary();
+    const auto err = make_temporary();
+    run_result result;
+    if (!in || !out || !err || !fill(in.get(), input)) {
         result.missing = true;
+        result.err = "no room for a temporary file";
         return result;
     }
-    result.status = wait_for(child, seconds);
+    const auto child = spawn(command, {in.get(), out.get(), err.get()}, seconds != 0);
+    result.missing = !child;
+    if (!child) return result;
+    result.status = wait_for(*child, seconds);
     result.out = contents(out.get());
     result.err = contents(err.get());
     return result;
 }
 
-struct uninterrupted::state {
-    sigset_t mask;
-};
-
-uninterrupted::uninterrupted() : before_(new state)
+uninterrupted::uninterrupted()
 {
     sigset_t set;
     sigemptyset(&set);
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE, SIGTSTP})
         sigaddset(&set, number);
-    sigprocmask(SIG_BLOCK, &set, &before_->mask);
+    sigprocmask(SIG_BLOCK, &set, &before_);
 }
 
-uninterrupted::~uninterrupted()
-{
-    sigprocmask(SIG_SETMASK, &before_->mask, nullptr);
-    delete before_;
-}
+uninterrupted::~uninterrupted() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
 
 }  // namespace tool

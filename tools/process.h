@@ -1,10 +1,11 @@
 // Other programs, run without a shell.
 #pragma once
 
-#include <cstdio>
-#include <memory>
+#include <csignal>
 #include <string>
 #include <vector>
+
+#include "guards.h"
 
 namespace tool {
 
@@ -21,11 +22,8 @@ struct run_result {
 run_result run(const std::vector<std::string> &command, const std::string &input = "",
                unsigned seconds = 0);
 
-struct stream_closer {
-    void operator()(FILE *stream) const { (void)std::fclose(stream); }
-};
 // A file without a name, in memory where the kernel can; null when there is no room.
-std::unique_ptr<FILE, stream_closer> make_temporary();
+mordel::stream_guard make_temporary();
 
 // While one lives, the signals that a terminal or a supervisor ends a program with wait: what was
 // begun is finished, or taken back, first. What is run inherits that.
@@ -37,8 +35,7 @@ public:
     ~uninterrupted();
 
 private:
-    struct state;
-    state *before_;
+    sigset_t before_{};
 };
 
 }  // namespace tool
