@@ -1,4 +1,7 @@
-// The command line of mordel.
+// The command line of mordel: its options, and the way of each command through the stations. Only
+// here is a policy file read, and only here is something said on standard output and error, but for
+// `watch`.
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -13,10 +16,14 @@
 
 #include "apply.h"
 #include "guards.h"
+#include "lock.h"
 #include "policy.h"
 #include "render.h"
+#include "report.h"
 #include "show.h"
+#include "state.h"
 #include "status.h"
+#include "stop.h"
 #include "text.h"
 #include "watch.h"
 
@@ -186,80 +193,31 @@ int show(const options &o)
 
 // ---- apply, stop --------------------------------------------------------------------------------
 
-const char *word_for(const outcome &r)
-{
-    switch (r.result) {
-    case outcome::kind::built:
-        return "built";
-    case outcome::kind::changed:
-        return "changed";
-    case outcome::kind::stopped:
-        return "stopped";
-    case outcome::kind::unchanged:
-        return "unchanged";
-    default:
-        return "failed";
-    }
-}
-
-json to_json(const outcome &r)
-{
-    json out = {{"name", r.name},
-                {"result", word_for(r)},
-                {"tc_commands", r.tc_commands},
-                {"rule_commands", r.by_script ? 0 : r.commands.size() - r.tc_commands},
-                {"by_script", r.by_script},
-                {"commands", r.commands},
-                {"notes", r.notes}};
-    if (r.result != outcome::kind::failed) return out;
-    out["error"] = r.error;
-    out["failed_command"] = r.failed_command;
-    out["failed_line"] = r.failed_line;
-    out["restored"] = r.restored;
-    return out;
-}
-
-// What was done, or would be
-string in_words(const outcome &r, bool dry)
-{
-    if (r.result == outcome::kind::unchanged) return r.name + ": nothing to do\n";
-    string out = r.name + ": ";
-    if (dry) {
-        out += format("would be %s by\n", word_for(r));
-        for (const string &command : r.commands) out += "  " + command + "\n";
-        return out;
-    }
-    out += word_for(r);
-    if (r.by_script) return out + ", by the script\n";
-    return out + format(", %zu tc and %zu iptables commands\n", r.tc_commands,
-                        r.commands.size() - r.tc_commands);
-}
-
-void complain_of(const outcome &r)
-{
-    if (r.result == outcome::kind::failed) complain(r.name + ": " + r.error);
-    if (!r.failed_command.empty())
-        complain(format("%s: line %u of its start script: %s", r.name.c_str(), r.failed_line,
-                        r.failed_command.c_str()));
-    for (const string &note : r.notes) complain(r.name + ": " + note);
-    if (r.restored) complain(r.name + ": back on its default qdisc, without rules");
-}
-
 int report(const std::vector<outcome> &all, const options &o)
 {
     int status = done;
     string text;
     json out = {{"ok", true}, {"dry_run", o.apply.dry_run}, {"interfaces", json::array()}};
     for (const outcome &r : all) {
-        if (r.result == outcome::kind::failed) {
+        if (r.failed) {
             status = failed;
             out["ok"] = false;
         }
-        complain_of(r);
-        out["interfaces"].push_back(to_json(r));
-        if (r.result != outcome::kind::failed) text += in_words(r, o.apply.dry_run);
+        for (const string &what : complaints(r)) complain(what);
+        out["interfaces"].push_back(outcome_json(r));
+        if (!r.failed) text += outcome_text(r, o.apply.dry_run);
     }
     return write_out(o.json ? dumped(out) : text, status);
+}
+
+// The lock that serialises apply and stop; false, after a word, when it cannot be had.
+bool take_lock(unsigned wait, std::optional<file_lock> &lock)
+{
+    const state_folder state;
+    string error = state.make();
+    if (error.empty()) error = lock.emplace(state.path() + "/lock", wait).error();
+    if (!error.empty()) complain(error);
+    return error.empty();
 }
 
 int apply_or_stop(const options &o, bool stopping)
@@ -272,39 +230,48 @@ int apply_or_stop(const options &o, bool stopping)
     }
     const auto texts = texts_of(l->rules);
     if (!texts) return failed;
-    std::optional<apply_lock> lock;
-    if (!o.apply.dry_run) {
-        lock.emplace(o.apply.wait);
-        if (!lock->error().empty()) {
-            complain(lock->error());
-            return failed;
-        }
-    }
-    return report(stopping ? stop_policy(l->rules, *texts, o.apply)
+    std::optional<file_lock> lock;
+    if (!o.apply.dry_run && !take_lock(o.apply.wait, lock)) return failed;
+    return report(stopping ? stop_policy(l->rules, {o.apply.dry_run, o.apply.wait})
                            : apply_policy(l->rules, l->text, *texts, o.apply),
                   o);
 }
 
 // ---- status -------------------------------------------------------------------------------------
 
-// One interface, beside the policy that was given, or else the one that was applied last
-std::optional<interface_status> status_of(const string &name, const options &o,
-                                          const std::optional<loaded> &given)
+// The policy that an interface is shown beside: the one that was given, or else the one that was
+// applied last. Empty without either.
+policy policy_of(const string &name, const std::optional<loaded> &given)
 {
     policy p;
     if (given) {
         p = given->rules;
-    } else if (const auto text = applied_policy(name)) {
+    } else if (const auto text = state_folder().read(name).policy) {
         diagnostics ignored;  // it was looked at when it was applied
         p = read_policy(*text, kernel_kind::vendor, ignored);
     }
     std::erase_if(p.interfaces, [&](const policy_interface &iface) { return iface.name != name; });
+    return p;
+}
+
+// None, after a word, when the interface cannot be looked at
+std::optional<interface_status> status_of(const string &name, const options &o,
+                                          const std::optional<loaded> &given)
+{
+    const policy p = policy_of(name, given);
     const auto texts = texts_of(p);
     if (!texts) return std::nullopt;
-    const bool known = !p.interfaces.empty();
+    std::optional<wanted> w;
+    if (!p.interfaces.empty()) {
+        const string &script = texts->interfaces.front().start;
+        w.emplace(wanted{p.interfaces.front(), script, parse_start_script(script, name)});
+        if (!w->script.error.empty()) {
+            complain(name + ": its start script: " + w->script.error);
+            return std::nullopt;
+        }
+    }
     string why;
-    auto s = look_at(name, known ? &p.interfaces.front() : nullptr,
-                     known ? texts->interfaces.front().start : "", o.seconds, o.apply.wait, why);
+    auto s = look_at(name, w ? &*w : nullptr, {o.seconds, o.apply.wait}, why);
     if (!s) complain(name + ": " + why);
     return s;
 }
@@ -319,7 +286,7 @@ int status(const options &o)
     else if (given)
         for (const policy_interface &iface : given->rules.interfaces) names.push_back(iface.name);
     else
-        names = applied_interfaces();
+        names = state_folder().interfaces();
     if (names.empty()) {
         complain("nothing was applied; name an interface, or a policy with --policy");
         return failed;
@@ -472,13 +439,13 @@ void add_watch(CLI::App &app, options &o)
     c->footer("Examples:\n  mordel watch eth0 wlan0\n  mordel watch --count 10 eth0\n");
 }
 
-struct command {
+struct subcommand {
     const char *name;
     void (*add)(CLI::App &, options &);
     int (*run)(const options &);
 };
 
-constexpr command commands[] = {
+constexpr subcommand commands[] = {
     {"check", add_check, check},
     {"render", add_render, render},
     {"show", add_show, show},
@@ -488,9 +455,9 @@ constexpr command commands[] = {
     {"watch", add_watch, [](const options &o) { return tool::watch(o.watch, look_of_stdout()); }},
 };
 
-const command *find_command(const string &name)
+const subcommand *find_command(const string &name)
 {
-    for (const command &c : commands)
+    for (const subcommand &c : commands)
         if (name == c.name) return &c;
     return nullptr;
 }
@@ -499,7 +466,8 @@ const command *find_command(const string &name)
 
 int main(int argc, char **argv)
 try {
-    // A file of ours must not become the output that somebody has closed.
+    // Started with descriptor 0, 1 or 2 closed? Fill it with /dev/null, or the next file we open
+    // gets that number and our output is written into it.
     for (int fd = 0; fd < 3; ++fd)
         if (::fcntl(fd, F_GETFD) < 0) (void)::open("/dev/null", O_RDONLY);
     options o;
@@ -509,12 +477,12 @@ try {
     app.footer("Exit status: 0 done, 1 failed, 2 a bad policy or command line.\n"
                "mordel COMMAND --help tells of each command.");
     // The options of a command take some time to set up: only those of the one that is asked for.
-    const command *asked = argc > 1 ? find_command(argv[1]) : nullptr;
+    const subcommand *asked = argc > 1 ? find_command(argv[1]) : nullptr;
     if (asked == nullptr && argc > 1 && argv[1][0] != '-') {
         complain("no command is called " + tool::quoted(argv[1]) + "; mordel --help names them");
         return refused;
     }
-    for (const command &c : commands)
+    for (const subcommand &c : commands)
         if (asked == nullptr || asked == &c) c.add(app, o);
     try {
         app.parse(argc, argv);

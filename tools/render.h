@@ -24,7 +24,7 @@ struct rendering {
 // Throws std::bad_alloc when there is no room for a text: half a script is no script.
 rendering render(const policy &p);
 
-// Has the library write the start script of an interface to its place, /var/tmp/qos_start. False
+// Has the library write the start script of an interface to its place (start_script_path). False
 // when the library refused the policy or could not write.
 bool write_start_script(const policy &p, const std::string &ifname);
 

@@ -1,13 +1,17 @@
+// Owns the live view: two looks at the kernel give the rates, and the plan that apply would run
+// gives what differs from the policy. Nothing is changed.
+
 #include "status.h"
 
-#include <unistd.h>
-
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <nlohmann/json.hpp>
 #include <thread>
 
-#include "rules.h"
+#include "compare.h"
+#include "observe.h"
+#include "report.h"
 #include "text.h"
 #include "tree.h"
 
@@ -23,31 +27,24 @@ string limits_of(const live_class &c)
     return "";
 }
 
-void compare_rules(const string &script, unsigned wait, interface_status &s)
+void compare_chains(const wanted &w, const chains_seen &chains, const memory &before,
+                    interface_status &s)
 {
-    if (::geteuid() != 0) {
-        s.notes.emplace_back("rules not looked at: that takes root");
-        return;
-    }
-    std::vector<string> commands;
-    for (const string &line : lines_of(script))
-        if (const string c = rule_command(line); !c.empty()) commands.push_back(c);
-    const rule_chains chains(s.name, wait);
-    string why;
-    const auto present = chains.list(why);
-    if (!present) {
-        s.notes.push_back("rules not looked at: " + why);
-        return;
-    }
-    if (present->empty()) {
+    switch (compare_rules(w, chains, before)) {
+    case rules_state::absent:
         s.differences.emplace_back("its rules are not there");
         return;
-    }
-    const auto expected = chains.expected(commands);
-    if (!expected)
-        s.notes.emplace_back("rules not compared: this kernel gives no namespace to try them in");
-    else if (*expected != *present)
+    case rules_state::other:
         s.differences.emplace_back("its rules are others");
+        return;
+    case rules_state::as_remembered:
+    case rules_state::untried:
+        s.notes.emplace_back("rules not compared: this kernel gives no namespace to try them in");
+        return;
+    case rules_state::not_seen:  // the plan's notes say why
+    case rules_state::same:
+        return;
+    }
 }
 
 // "lan0  htb, as the policy says"
@@ -60,14 +57,43 @@ string headline(const interface_status &s)
 
 }  // namespace
 
-std::optional<interface_status> look_at(const string &ifname, const policy_interface *policy,
-                                        const string &script, double seconds, unsigned wait,
-                                        string &why)
+std::vector<class_status> class_rows(const live_tree &first, const live_tree &second,
+                                     double seconds, const std::vector<tree_class> &names)
+{
+    std::vector<class_status> rows;
+    for (const live_class &c : second.classes) {
+        class_status row;
+        row.handle = c.id & 0xffff;
+        if (const tree_class *named = find_class(names, row.handle)) row.name = named->name;
+        row.limits = limits_of(c);
+        row.stats = c.stats;
+        const live_class *before = first.find(c.id);
+        if (before != nullptr && c.stats.bytes >= before->stats.bytes && seconds > 0)
+            row.bits = static_cast<double>(c.stats.bytes - before->stats.bytes) * 8 / seconds;
+        rows.push_back(row);
+    }
+    std::sort(rows.begin(), rows.end(),
+              [](const auto &a, const auto &b) { return a.handle < b.handle; });
+    return rows;
+}
+
+void compare_with(const wanted &w, const live_tree &live, const chains_seen &chains,
+                  const memory &before, interface_status &s)
+{
+    const plan p = plan_apply(w, live, chains, before);
+    s.steps = p.steps;
+    s.notes = p.notes;
+    for (const difference &d : compare(w.iface, live)) s.differences.push_back(difference_text(d));
+    compare_chains(w, chains, before, s);
+}
+
+std::optional<interface_status> look_at(const string &ifname, const wanted *w,
+                                        const status_options &o, string &why)
 {
     const auto first = read_kernel(ifname, why);
     if (!first) return std::nullopt;
     const auto begin = std::chrono::steady_clock::now();
-    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    std::this_thread::sleep_for(std::chrono::duration<double>(o.seconds));
     const auto second = read_kernel(ifname, why);
     if (!second) return std::nullopt;
     const double passed =
@@ -76,28 +102,12 @@ std::optional<interface_status> look_at(const string &ifname, const policy_inter
     interface_status s;
     s.name = ifname;
     s.root = second->root() == nullptr ? "default" : second->root()->kind;
-    s.policy_known = policy != nullptr;
-    std::vector<tree_class> tree;
-    if (policy != nullptr) {
-        tree = tree_of(*policy);
-        for (const difference &d : compare(*policy, *second))
-            s.differences.push_back(
-                d.handle == 0 ? d.text : format("class 1:%x: %s", d.handle, d.text.c_str()));
-        compare_rules(script, wait, s);
-    }
-    for (const live_class &c : second->classes) {
-        class_status row;
-        row.handle = c.id & 0xffff;
-        if (const tree_class *named = find_class(tree, row.handle)) row.name = named->name;
-        row.limits = limits_of(c);
-        row.stats = c.stats;
-        const live_class *before = first->find(c.id);
-        if (before != nullptr && c.stats.bytes >= before->stats.bytes && passed > 0)
-            row.bits = static_cast<double>(c.stats.bytes - before->stats.bytes) * 8 / passed;
-        s.classes.push_back(row);
-    }
-    std::sort(s.classes.begin(), s.classes.end(),
-              [](const auto &a, const auto &b) { return a.handle < b.handle; });
+    s.policy_known = w != nullptr;
+    if (w != nullptr)
+        compare_with(*w, *second, look_at_chains(iptables(ifname, o.wait), *w),
+                     state_folder().read(ifname), s);
+    s.classes = class_rows(*first, *second, passed,
+                           w == nullptr ? std::vector<tree_class>() : tree_of(w->iface));
     return s;
 }
 
@@ -129,6 +139,7 @@ string status_json(const std::vector<interface_status> &all)
         one["policy"] = !s.policy_known ? "unknown" : s.differences.empty() ? "same" : "differs";
         one["differences"] = s.differences;
         one["notes"] = s.notes;
+        one["steps"] = steps_json(s.steps);
         one["classes"] = nlohmann::ordered_json::array();
         for (const class_status &c : s.classes)
             one["classes"].push_back({{"handle", c.handle},

@@ -25,6 +25,7 @@
 #include "list_range.h"
 #include "policy.h"
 #include "render.h"
+#include "start_script.h"
 #include "tarnic_iptables.h"
 #include "tarnic_qos.h"
 
@@ -1127,6 +1128,7 @@ void expect_same(u32 seed)
     for (const auto &[name, expected] : by_calls) {
         EXPECT_FALSE(expected[0].empty());
         EXPECT_EQ(expected[0], script_text(all, name, script::start));
+        EXPECT_EQ("", tool::parse_start_script(expected[0], name).error);
         EXPECT_EQ(expected[1], script_text(all, name, script::stop));
         EXPECT_EQ(expected[2], script_text(all, name, script::rules));
     }

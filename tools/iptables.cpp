@@ -1,0 +1,123 @@
+// Owns the calls of iptables. All of them wait for the lock that the calls of all programs share,
+// for a time that has an end.
+
+#include "iptables.h"
+
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <functional>
+
+#include "chains.h"
+#include "text.h"
+
+namespace tool {
+namespace {
+
+using std::string;
+using lines = std::vector<string>;
+
+lines texts_of(const std::vector<command> &commands)
+{
+    lines all;
+    for (const command &c : commands) all.push_back(c.text);
+    return all;
+}
+
+// Runs a body in a process and a network namespace of its own, and gives back the text that it
+// returns; none when there can be no such namespace, or the body gives none.
+std::optional<string> in_own_namespace(const std::function<std::optional<string>()> &body)
+{
+    const auto answer = make_temporary();
+    if (!answer) return std::nullopt;
+    const pid_t child = ::fork();
+    if (child < 0) return std::nullopt;
+    if (child == 0) {
+        if (::unshare(CLONE_NEWNET) != 0) ::_exit(1);
+        const std::optional<string> text = body();
+        if (!text || std::fwrite(text->data(), 1, text->size(), answer.get()) != text->size() ||
+            std::fflush(answer.get()) != 0)
+            ::_exit(1);
+        ::_exit(0);
+    }
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0)
+        if (errno != EINTR) return std::nullopt;
+    if (status != 0) return std::nullopt;
+    string text;
+    std::rewind(answer.get());
+    for (int c = 0; (c = std::fgetc(answer.get())) != EOF;) text += static_cast<char>(c);
+    return text;
+}
+
+}  // namespace
+
+// To iptables a wait of 0, or none, is one without an end.
+iptables::iptables(string ifname, unsigned wait)
+    : ifname_(std::move(ifname)), wait_(std::to_string(std::max(wait, 1U)))
+{}
+
+run_result iptables::run_one(const lines &words) const
+{
+    lines all = {"iptables", "-w", wait_, "-t", "mangle"};
+    all.insert(all.end(), words.begin(), words.end());
+    return run(all);
+}
+
+std::optional<lines> iptables::list(string &why) const
+{
+    const run_result listing = run_one({"-S"});
+    if (listing.ok()) return own_lines(listing.out, ifname_);
+    why = listing.missing ? "iptables is missing" : "iptables: " + one_line(listing.err);
+    return std::nullopt;
+}
+
+run_result iptables::restore(const lines &commands) const
+{
+    return run({"iptables-restore", "--noflush", "-w", wait_}, restore_input(commands));
+}
+
+std::optional<lines> iptables::tried(const lines &commands) const
+{
+    const auto text = in_own_namespace([&]() -> std::optional<string> {
+        if (!restore(commands).ok()) return std::nullopt;
+        string why;
+        const auto own = list(why);
+        if (!own) return std::nullopt;
+        string all;
+        for (const string &line : *own) all += line + "\n";
+        return all;
+    });
+    return text ? std::optional(lines_of(*text)) : std::nullopt;
+}
+
+std::optional<std::size_t> iptables::first_refused(const lines &rules) const
+{
+    const auto text = in_own_namespace([&]() -> std::optional<string> {
+        for (const string &chain : {rule_chain(ifname_), automark_chain(ifname_)})
+            if (!run_one({"-N", chain}).ok()) return std::nullopt;
+        for (std::size_t i = 0; i < rules.size(); ++i)
+            if (!run_one(words_of(rules[i])).ok()) return std::to_string(i);
+        return std::nullopt;
+    });
+    return text ? std::optional<std::size_t>(std::stoul(*text)) : std::nullopt;
+}
+
+bool iptables::remove(const lines &present, string &why) const
+{
+    if (present.empty()) return true;
+    const lines commands = texts_of(lines_to_remove(present));
+    if (!restore(commands).ok())
+        // One by one then: what one of them cannot do does not stop the others.
+        for (const string &one : commands) (void)run_one(words_of(one));
+    const auto left = list(why);
+    if (!left) return false;
+    if (!left->empty()) why = "still in the mangle table: " + left->front();
+    return left->empty();
+}
+
+}  // namespace tool

@@ -1,0 +1,33 @@
+// Owns the lock file. The kernel lets go of a lock with its descriptor: a mordel that was killed
+// leaves none behind.
+
+#include "lock.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "text.h"
+
+namespace tool {
+
+file_lock::file_lock(const std::string &path, unsigned wait)
+    : fd_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600))
+{
+    if (!fd_) {
+        error_ = format("cannot open %s: %s", path.c_str(), std::strerror(errno));
+        return;
+    }
+    const timespec pause{0, 50000000};
+    for (unsigned tries = wait * 20;; --tries) {
+        if (::flock(fd_.get(), LOCK_EX | LOCK_NB) == 0) return;
+        if (tries == 0) break;
+        (void)::nanosleep(&pause, nullptr);
+    }
+    error_ = format("another mordel is at work and holds %s; waited %u s", path.c_str(), wait);
+}
+
+}  // namespace tool

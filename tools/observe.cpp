@@ -1,0 +1,36 @@
+// Owns the look at the mangle table that a plan is made of. It changes nothing: the wanted rules
+// are tried in a network namespace of their own.
+
+#include "observe.h"
+
+#include <unistd.h>
+
+#include "chains.h"
+
+namespace tool {
+
+chains_seen list_chains(const iptables &tables)
+{
+    chains_seen seen;
+    if (::geteuid() != 0) {
+        seen.how = chains_seen::looked::denied;
+        seen.why_not = "that takes root";
+        return seen;
+    }
+    const auto present = tables.list(seen.why_not);
+    seen.how = present ? chains_seen::looked::listed : chains_seen::looked::failed;
+    if (present) seen.present = *present;
+    return seen;
+}
+
+chains_seen look_at_chains(const iptables &tables, const wanted &w)
+{
+    chains_seen seen = list_chains(tables);
+    if (seen.present.empty()) return seen;
+    std::vector<std::string> commands;
+    for (const command &c : lines_to_load(w.script.rules, w.iface.name)) commands.push_back(c.text);
+    seen.expected = tables.tried(commands);
+    return seen;
+}
+
+}  // namespace tool

@@ -1,0 +1,302 @@
+// Owns the decision what is done to an interface: nothing, a few parameters changed in place, or a
+// new tree; rules exchanged or left. Pure: it is handed what the kernel holds, and runs nothing.
+
+#include "plan.h"
+
+#include <algorithm>
+#include <map>
+
+#include "chains.h"
+#include "leaf.h"
+#include "text.h"
+#include "tree.h"
+
+namespace tool {
+namespace {
+
+using std::string;
+using lines = std::vector<string>;
+using kind = object::kind;
+using scope = difference::scope;
+
+constexpr u32 root_major = 0x10000;  // 1:0; 0x10010 is class 1:10
+
+step tc_step(const command &c, const string &why)
+{
+    return {program::tc, c.text, c.what, c.line, why, false};
+}
+
+step removal_of_root(const string &ifname, const string &why)
+{
+    return {program::tc, "qdisc del dev " + ifname + " root", {kind::root, 0, ""}, 0, why, true};
+}
+
+// The command that mends a difference; null where none alone does.
+const command *mending(const wanted &w, const difference &d)
+{
+    if (d.what == scope::tree) return nullptr;
+    return w.script.find(d.what == scope::leaf ? kind::leaf : kind::tree_class, d.handle);
+}
+
+// ---- What differs -------------------------------------------------------------------------------
+
+// The kernel does not tell all that it was given. Where the script that was applied last says
+// something else, that is a difference too.
+void add_remembered(const wanted &w, const memory &before, std::vector<difference> &found)
+{
+    if (!before.script || *before.script == w.text) return;
+    const start_script then = parse_start_script(*before.script, w.iface.name);
+    for (const command &now : w.script.tree) {
+        const bool leaf = now.what.what == kind::leaf;
+        if (!leaf && now.what.what != kind::tree_class) continue;
+        const command *old = then.find(now.what.what, now.what.number);
+        if (old != nullptr && old->text != now.text)
+            found.push_back({leaf ? scope::leaf : scope::class_parameters, now.what.number,
+                             "was applied otherwise"});
+    }
+}
+
+// Whether a leaf that is wanted for one class hangs on another: its handle is then taken, and the
+// leaf can only be added once the other is gone.
+bool has_misplaced_leaf(const wanted &w, const live_tree &live)
+{
+    return std::any_of(live.qdiscs.begin(), live.qdiscs.end(), [&](const live_qdisc &q) {
+        const u32 number = q.handle >> 20;
+        return q.handle != 0 && q.handle == number << 20 &&
+               w.script.find(kind::leaf, number) != nullptr && q.parent != (root_major | number);
+    });
+}
+
+bool can_be_changed(const wanted &w, const live_tree &live, const std::vector<difference> &found)
+{
+    return w.iface.root_type != R_pfifo_fast && !has_misplaced_leaf(w, live) &&
+           std::all_of(found.begin(), found.end(),
+                       [&](const difference &d) { return mending(w, d) != nullptr; });
+}
+
+// ---- In place -----------------------------------------------------------------------------------
+
+// "class add dev ..." as "class change dev ..."
+command changing(command c)
+{
+    c.text.replace(c.text.find(' ') + 1, std::string_view("add").size(), "change");
+    return c;
+}
+
+// Changed, or else taken away and added. A change without options changes nothing: what was set
+// would stay.
+void plan_leaf(const string &ifname, const tree_class *of, const live_qdisc *seen, const command &c,
+               const string &why, std::vector<step> &steps)
+{
+    const u32 handle = c.what.number;
+    const bool same_kind = of != nullptr && seen != nullptr &&
+                           seen->kind == kind_of(of->leaf).name && seen->handle == handle << 20;
+    if (same_kind && kind_of(of->leaf).changeable && c.options) {
+        steps.push_back(tc_step(changing(c), why));
+        return;
+    }
+    if (seen != nullptr && seen->handle != 0)
+        steps.push_back({program::tc,
+                         format("qdisc del dev %s parent 1:%x", ifname.c_str(), handle), c.what,
+                         c.line, why, true});
+    steps.push_back(tc_step(c, why));
+}
+
+// By handle, all that differs of it
+std::map<u32, string> reasons(const std::vector<difference> &found, scope what)
+{
+    std::map<u32, string> all;
+    for (const difference &d : found)
+        if (d.what == what) all[d.handle] += (all[d.handle].empty() ? "" : "; ") + d.text;
+    return all;
+}
+
+std::vector<step> changes(const wanted &w, const live_tree &live,
+                          const std::vector<difference> &found)
+{
+    const std::vector<tree_class> tree = tree_of(w.iface);
+    std::vector<step> steps;
+    for (const auto &[handle, why] : reasons(found, scope::class_parameters))
+        steps.push_back(tc_step(changing(*w.script.find(kind::tree_class, handle)), why));
+    for (const auto &[handle, why] : reasons(found, scope::leaf))
+        plan_leaf(w.iface.name, find_class(tree, handle), live.leaf_of(root_major | handle),
+                  *w.script.find(kind::leaf, handle), why, steps);
+    return steps;
+}
+
+// ---- Anew ---------------------------------------------------------------------------------------
+
+// The first of the differences that no change mends, or else the first of all
+string main_reason(const wanted &w, const std::vector<difference> &found)
+{
+    const auto first = std::find_if(found.begin(), found.end(),
+                                    [&](const difference &d) { return mending(w, d) == nullptr; });
+    const string text = difference_text(first == found.end() ? found.front() : *first);
+    return found.size() == 1 ? text : format("%s, and %zu more", text.c_str(), found.size() - 1);
+}
+
+std::vector<step> new_tree(const wanted &w, const live_tree &live,
+                           const std::vector<difference> &found)
+{
+    std::vector<step> steps;
+    const bool fresh = live.root() == nullptr;
+    if (!fresh) steps.push_back(removal_of_root(w.iface.name, main_reason(w, found)));
+    for (const command &c : w.script.tree)
+        steps.push_back(tc_step(c, fresh ? "new" : "the tree is built anew"));
+    return steps;
+}
+
+// ---- Rules --------------------------------------------------------------------------------------
+
+string reason(rules_state state, const chains_seen &chains)
+{
+    switch (state) {
+    case rules_state::not_seen:
+        return chains.how == chains_seen::looked::guessed ? "new" : "not looked at";
+    case rules_state::absent:
+        return "its rules are not there";
+    case rules_state::other:
+        return "its rules are others";
+    case rules_state::untried:
+        return "its rules cannot be compared";
+    case rules_state::same:
+    case rules_state::as_remembered:
+        break;
+    }
+    return "";
+}
+
+// Of a line for iptables-restore: a chain that is opened with ":" is emptied where it is there.
+bool takes_away(const command &c, const chains_seen &chains)
+{
+    if (c.text.front() != ':') return c.text[1] != 'A' && c.text[1] != 'N';
+    if (chains.how != chains_seen::looked::listed) return true;
+    const auto &all = chains.present;
+    return std::find(all.begin(), all.end(), "-N " + c.what.chain) != all.end();
+}
+
+std::vector<step> restore_steps(const std::vector<command> &commands, const chains_seen &chains,
+                                const string &why)
+{
+    std::vector<step> steps;
+    for (const command &c : commands)
+        steps.push_back(
+            {program::iptables_restore, c.text, c.what, c.line, why, takes_away(c, chains)});
+    return steps;
+}
+
+void add(std::vector<step> &all, const std::vector<step> &more)
+{
+    all.insert(all.end(), more.begin(), more.end());
+}
+
+void note_unseen(const chains_seen &chains, lines &notes)
+{
+    if (!chains.why_not.empty()) notes.push_back("rules not looked at: " + chains.why_not);
+}
+
+}  // namespace
+
+bool may_guess(const live_tree &live, const memory &before)
+{
+    return live.root() == nullptr && !before.script;
+}
+
+rules_state compare_rules(const wanted &w, const chains_seen &chains, const memory &before)
+{
+    if (chains.how != chains_seen::looked::listed) return rules_state::not_seen;
+    if (chains.present.empty()) return rules_state::absent;
+    if (chains.expected)
+        return *chains.expected == chains.present ? rules_state::same : rules_state::other;
+    const bool remembered =
+        before.script == w.text && before.rules && lines_of(*before.rules) == chains.present;
+    return remembered ? rules_state::as_remembered : rules_state::untried;
+}
+
+std::vector<step> plan_rules(const wanted &w, const chains_seen &chains, const memory &before)
+{
+    const rules_state state = compare_rules(w, chains, before);
+    if (state == rules_state::same || state == rules_state::as_remembered) return {};
+    const auto commands = chains.how == chains_seen::looked::guessed
+                              ? lines_to_load(w.script.rules, w.iface.name)
+                              : lines_to_replace(w.script.rules, w.iface.name, chains.present);
+    return restore_steps(commands, chains, reason(state, chains));
+}
+
+plan plan_apply(const wanted &w, const live_tree &live, const chains_seen &chains,
+                const memory &before)
+{
+    plan p;
+    note_unseen(chains, p.notes);
+    std::vector<difference> found = compare(w.iface, live);
+    add_remembered(w, before, found);
+    const bool anew = !found.empty() && !can_be_changed(w, live, found);
+    p.steps = anew ? new_tree(w, live, found) : changes(w, live, found);
+    add(p.steps, plan_rules(w, chains, before));
+    if (w.script.queue_length && live.queue_len != w.iface.param.pfifo_fast.queue_len) {
+        const command &c = *w.script.queue_length;
+        p.steps.push_back(
+            {program::ifconfig, c.text, c.what, c.line, format("is %u", live.queue_len), false});
+    }
+    if (!p.steps.empty()) p.result = anew ? effect::built : effect::changed;
+    return p;
+}
+
+plan plan_script(const string &why)
+{
+    return {effect::built, {{program::start_script, start_script_path, {}, 0, why, true}}, {}};
+}
+
+plan plan_stop(const string &ifname, const live_tree *live, const chains_seen &chains)
+{
+    const string why = "the policy is taken away";
+    plan p;
+    note_unseen(chains, p.notes);
+    if (live != nullptr && live->root() != nullptr) p.steps.push_back(removal_of_root(ifname, why));
+    add(p.steps, restore_steps(lines_to_remove(chains.present), chains, why));
+    if (!p.steps.empty()) p.result = effect::stopped;
+    return p;
+}
+
+verification verify(const wanted &w, const live_tree &live)
+{
+    verification v;
+    for (const difference &d : compare(w.iface, live)) {
+        if (d.what == scope::tree) {
+            v.error = "the kernel does not hold what it was given: " + difference_text(d);
+            return v;
+        }
+        v.notes.push_back("the kernel has its own mind: " + difference_text(d));
+    }
+    return v;
+}
+
+string difference_text(const difference &d)
+{
+    return d.handle == 0 ? d.text : format("class 1:%x: %s", d.handle, d.text.c_str());
+}
+
+string step_text(const step &s)
+{
+    switch (s.by) {
+    case program::tc:
+        return "tc " + s.command;
+    case program::iptables_restore:
+        return "iptables-restore: " + s.command;
+    case program::ifconfig:
+        return "ifconfig " + s.command;
+    case program::start_script:
+        return s.command;
+    }
+    return "";
+}
+
+lines commands_of(const std::vector<step> &steps, program by)
+{
+    lines all;
+    for (const step &s : steps)
+        if (s.by == by) all.push_back(s.command);
+    return all;
+}
+
+}  // namespace tool

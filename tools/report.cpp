@@ -1,0 +1,141 @@
+// Owns the words and the JSON about plans and what came of them. The plan that a dry run shows is
+// the record that apply runs, and `status` shows what apply would do.
+
+#include "report.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "text.h"
+
+namespace tool {
+namespace {
+
+using std::string;
+using json = nlohmann::ordered_json;
+using kind = object::kind;
+
+const char *word_for(const outcome &r)
+{
+    if (r.failed) return "failed";
+    switch (r.result) {
+    case effect::none:
+        return "unchanged";
+    case effect::built:
+        return "built";
+    case effect::changed:
+        return "changed";
+    case effect::stopped:
+        return "stopped";
+    }
+    return "";
+}
+
+struct counts {
+    std::size_t tc = 0;
+    std::size_t rules = 0;  // and the queue length
+    bool by_script = false;
+};
+
+counts count(const std::vector<step> &steps)
+{
+    counts all;
+    for (const step &s : steps) {
+        if (s.by == program::start_script)
+            all.by_script = true;
+        else if (s.by == program::tc)
+            ++all.tc;
+        else
+            ++all.rules;
+    }
+    return all;
+}
+
+json object_json(const object &o)
+{
+    switch (o.what) {
+    case kind::root:
+        return {{"kind", "root"}};
+    case kind::tree_class:
+        return {{"kind", "class"}, {"handle", o.number}};
+    case kind::leaf:
+        return {{"kind", "leaf"}, {"handle", o.number}};
+    case kind::filter:
+        return {{"kind", "filter"}, {"mark", o.number}};
+    case kind::queue_length:
+        return {{"kind", "queue_length"}};
+    case kind::chain:
+        return {{"kind", "chain"}, {"chain", o.chain}};
+    case kind::jump:
+        return {{"kind", "jump"}, {"chain", o.chain}};
+    case kind::rule:
+        return {{"kind", "rule"}, {"chain", o.chain}};
+    case kind::interface:
+        return {{"kind", "interface"}};
+    }
+    return {};
+}
+
+}  // namespace
+
+string outcome_text(const outcome &r, bool dry_run)
+{
+    if (r.result == effect::none) return r.name + ": nothing to do\n";
+    string out = r.name + ": ";
+    if (dry_run) {
+        out += format("would be %s by\n", word_for(r));
+        for (const step &s : r.steps) out += "  " + step_text(s) + "\n";
+        return out;
+    }
+    const counts n = count(r.steps);
+    out += word_for(r);
+    if (n.by_script) return out + ", by the script\n";
+    return out + format(", %zu tc and %zu iptables commands\n", n.tc, n.rules);
+}
+
+std::vector<string> complaints(const outcome &r)
+{
+    std::vector<string> all;
+    if (r.failed) all.push_back(r.name + ": " + r.error);
+    if (!r.failed_command.empty())
+        all.push_back(format("%s: line %u of its start script: %s", r.name.c_str(), r.failed_line,
+                             r.failed_command.c_str()));
+    for (const string &note : r.notes) all.push_back(r.name + ": " + note);
+    if (r.restored) all.push_back(r.name + ": back on its default qdisc, without rules");
+    return all;
+}
+
+json outcome_json(const outcome &r)
+{
+    const counts n = count(r.steps);
+    json commands = json::array();
+    for (const step &s : r.steps) commands.push_back(step_text(s));
+    json out = {{"name", r.name},
+                {"result", word_for(r)},
+                {"tc_commands", n.tc},
+                {"rule_commands", n.rules},
+                {"by_script", n.by_script},
+                {"commands", commands},
+                {"steps", steps_json(r.steps)},
+                {"notes", r.notes}};
+    if (!r.failed) return out;
+    out["error"] = r.error;
+    out["failed_command"] = r.failed_command;
+    out["failed_line"] = r.failed_line;
+    out["restored"] = r.restored;
+    return out;
+}
+
+json steps_json(const std::vector<step> &steps)
+{
+    json all = json::array();
+    for (const step &s : steps)
+        all.push_back({{"object", object_json(s.what)},
+                       {"command", step_text(s)},
+                       {"line", s.line},
+                       {"why", s.why},
+                       {"destructive", s.destructive}});
+    return all;
+}
+
+}  // namespace tool

@@ -1,0 +1,90 @@
+// Owns the way back: an interface on its default qdisc, no chain of ours in the mangle table, and
+// nothing remembered.
+
+#include "stop.h"
+
+#include <net/if.h>
+
+#include "kernel.h"
+#include "observe.h"
+#include "process.h"
+#include "state.h"
+#include "steps.h"
+
+namespace tool {
+namespace {
+
+using std::string;
+
+outcome failed(outcome out, const string &why)
+{
+    out.failed = true;
+    out.error = why;
+    return out;
+}
+
+// One half that fails is no reason to leave the other.
+outcome run_stop(outcome out, const iptables &tables, const chains_seen &chains)
+{
+    string why;
+    const auto no_tree = run_tc(out.steps);
+    const bool no_rules = tables.remove(chains.present, why);
+    if (no_tree) {
+        out.failed_command = no_tree->command;
+        out.failed_line = no_tree->line;
+        out = failed(out, no_tree->error);
+    }
+    if (!no_rules) out = failed(out, out.error + (out.error.empty() ? "" : "; ") + why);
+    return out;
+}
+
+outcome stop_interface(const string &name, const stop_options &o)
+{
+    outcome out;
+    out.name = name;
+    string no_tree;
+    const auto live = read_kernel(name, no_tree);
+    const bool gone = !live && ::if_nametoindex(name.c_str()) == 0;
+    if (!live && !gone) return failed(out, no_tree);
+    const iptables tables(name, o.wait);
+    const chains_seen chains = list_chains(tables);
+    if (chains.how == chains_seen::looked::failed) return failed(out, chains.why_not);
+    const plan p = plan_stop(name, live ? &*live : nullptr, chains);
+    out.result = p.result;
+    out.steps = p.steps;
+    out.notes = p.notes;
+    const state_folder state;
+    if (gone && p.steps.empty() && !state.read(name).script) return failed(out, no_tree);
+    if (o.dry_run) return out;
+    out = run_stop(out, tables, chains);
+    if (!out.failed) state.forget(name);
+    return out;
+}
+
+}  // namespace
+
+std::vector<outcome> stop_policy(const policy &p, const stop_options &o)
+{
+    const uninterrupted section;
+    std::vector<outcome> all;
+    for (const policy_interface &iface : p.interfaces) all.push_back(stop_interface(iface.name, o));
+    return all;
+}
+
+bool take_back(const string &ifname, const iptables &tables, string &why)
+{
+    const auto live = read_kernel(ifname, why);
+    bool clean = live.has_value();
+    if (live && live->root() != nullptr) {
+        const run_result tc = run({"tc", "qdisc", "del", "dev", ifname, "root"});
+        why = "tc: " + brief(tc.err);
+        const auto after = read_kernel(ifname, why);
+        clean = after && after->root() == nullptr;
+    }
+    // Where there is no iptables there is no chain of ours either.
+    if (!is_on_path("iptables")) return clean;
+    const auto chains = tables.list(why);
+    return chains && tables.remove(*chains, why) && clean;
+}
+
+}  // namespace tool
