@@ -41,7 +41,7 @@ enum protocol_id { proto_tcp, proto_udp, proto_icmp, proto_both, proto_all, prot
 
 // ---- Rendering ---------------------------------------------------------------------------------
 
-// An interface's rule chain is chain_prefix and its name; its automark chain has the suffix as well.
+// A rule chain is chain_prefix and its interface's name; an automark chain has the suffix too.
 constexpr char chain_prefix[] = "QOS_";
 constexpr char automark_suffix[] = "_AUTO";
 constexpr u32 flag_text_size = 32;    // what get_tcp_flag_str clears
