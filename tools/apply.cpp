@@ -211,7 +211,7 @@ outcome by_commands(const job &j)
     if (!may_guess(*live, before)) chains = look_at_chains(j.tables, j.w);
     if (chains.how == chains_seen::looked::failed)
         return failed(begin(j.name(), {}), chains.why_not);
-    const outcome out = begin(j.name(), plan_apply(j.w, *live, chains, before));
+    outcome out = begin(j.name(), plan_apply(j.w, *live, chains, before));
     if (j.options.dry_run) return out;
     return out.steps.empty() ? kept(j, chains, out) : run_plan(j, before, chains, out);
 }

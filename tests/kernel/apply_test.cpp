@@ -528,6 +528,26 @@ TEST(Apply, PfifoFastSetsTheQueueLength)
     EXPECT_EQ("250\n", file_text(length));
 }
 
+// A fresh interface is thought to have no chains; the load finds out, and those are exchanged.
+TEST(Apply, ExchangesChainsThatNobodyThoughtOf)
+{
+    const string reference = fresh_interface();
+    EXPECT_EQ("built", apply(for_interface(htb_policy, reference))["result"]);
+    const string q = fresh_interface();
+    const string t = "iptables -w -t mangle ";
+    by_hand(for_interface(
+        t + "-N QOS_@;" + t + "-A QOS_@ -j MARK --set-mark 3;" + t + "-A OUTPUT -o @ -g QOS_@", q));
+    const json done = apply(for_interface(htb_policy, q));
+    EXPECT_EQ("built", done["result"]);
+    EXPECT_EQ(state_of(reference), state_of(q));
+    const string commands = done["commands"].dump();
+    EXPECT_TRUE(has(commands, "iptables-restore: :QOS_" + q) &&
+                has(commands, "iptables-restore: -D OUTPUT -o " + q) && !has(commands, ": -N "))
+        << commands;
+    EXPECT_EQ(done["commands"].size(), done["steps"].size());
+    EXPECT_EQ("unchanged", apply(for_interface(htb_policy, q))["result"]);
+}
+
 // ---- In place -----------------------------------------------------------------------------------
 
 struct edit {
