@@ -20,7 +20,8 @@ struct attribute {
     Record as() const
     {
         Record r{};
-        std::memcpy(&r, value.data(), std::min(sizeof r, value.size()));
+        // An attribute that a message lacks is null, which memcpy does not take.
+        if (!value.empty()) std::memcpy(&r, value.data(), std::min(sizeof r, value.size()));
         return r;
     }
     std::string text() const { return {value.data(), ::strnlen(value.data(), value.size())}; }
