@@ -8,6 +8,7 @@
 
 #include "chains.h"
 #include "leaf.h"
+#include "root.h"
 #include "text.h"
 #include "tree.h"
 
@@ -69,7 +70,7 @@ bool has_misplaced_leaf(const wanted &w, const live_tree &live)
 
 bool can_be_changed(const wanted &w, const live_tree &live, const std::vector<difference> &found)
 {
-    return w.iface.root_type != R_pfifo_fast && !has_misplaced_leaf(w, live) &&
+    return kind_of(w.iface).classes != nullptr && !has_misplaced_leaf(w, live) &&
            std::all_of(found.begin(), found.end(),
                        [&](const difference &d) { return mending(w, d) != nullptr; });
 }

@@ -12,6 +12,7 @@
 #include "compare.h"
 #include "observe.h"
 #include "report.h"
+#include "root.h"
 #include "text.h"
 #include "tree.h"
 
@@ -20,11 +21,11 @@ namespace {
 
 using std::string;
 
+// What the kernel holds a class to; "" of a class that is of no kind of ours
 string limits_of(const live_class &c)
 {
-    if (c.kind == "htb") return rate_text(c.rate / 125) + " to " + rate_text(c.ceil / 125);
-    if (c.usc) return "to " + rate_text(c.usc->m2 / 125);
-    return "";
+    const root_kind *kind = find_root_kind(c.kind);
+    return kind == nullptr || kind->classes == nullptr ? "" : kind->classes->live_limits(c);
 }
 
 void compare_chains(const wanted &w, const chains_seen &chains, const memory &before,
