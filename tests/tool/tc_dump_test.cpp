@@ -22,7 +22,6 @@ namespace {
 using std::string;
 using tool::live_class;
 using tool::live_curve;
-using tool::live_filter;
 using tool::live_qdisc;
 using tool::live_tree;
 
