@@ -474,6 +474,15 @@ TEST_F(TreeReport, LeafLines)
     }
 }
 
+TEST_F(TreeReport, EachLeafTypeHasItsLine)
+{
+    for (u32 type = 0; type < mordel::leaf_types; ++type) {
+        SCOPED_TRACE(TxtMapById(mordel::LeafQdiscTypeMap, static_cast<int>(type)));
+        const leaf_qdisc leaf = unknown_leaf(type);  // its type alone is set
+        EXPECT_NE((traces{no_such_leaf}), printed([&] { mordel::show_leaf(&leaf); }));
+    }
+}
+
 TEST_F(TreeReport, EveryLineIsATraceOfItsOwn)
 {
     ASSERT_EQ(0, add_htb("eth0"));

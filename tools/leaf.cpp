@@ -203,6 +203,9 @@ void check_tbf(const leaf_qdisc &leaf, position at, diagnostics &found)
     else if (tbf_limit(tbf) > 4294967295.0)
         found.error(at, "a tbf leaf's latency at its rate comes to more than 4 GiB, which tc"
                         " cannot say; lower latency");
+    else if (tbf.latency > 0xffffffff / 1000)
+        found.error(at, "tc counts a tbf leaf's latency in microseconds of 32 bits; lower it to"
+                        " 4294967ms or less");
     else if (takes_too_long(tbf.burst, tbf.rate))
         found.error(at, burst_right);
     else if (tbf.burst < 1514)

@@ -20,8 +20,6 @@ using lines = std::vector<string>;
 using kind = object::kind;
 using scope = difference::scope;
 
-constexpr u32 root_major = 0x10000;  // 1:0; 0x10010 is class 1:10
-
 step tc_step(const command &c, const string &why)
 {
     return {program::tc, c.text, c.what, c.line, why, false};
@@ -64,7 +62,7 @@ bool has_misplaced_leaf(const wanted &w, const live_tree &live)
     return std::any_of(live.qdiscs.begin(), live.qdiscs.end(), [&](const live_qdisc &q) {
         const u32 number = q.handle >> 20;
         return q.handle != 0 && q.handle == number << 20 &&
-               w.script.find(kind::leaf, number) != nullptr && q.parent != (root_major | number);
+               w.script.find(kind::leaf, number) != nullptr && q.parent != (root_id | number);
     });
 }
 
@@ -120,7 +118,7 @@ std::vector<step> changes(const wanted &w, const live_tree &live,
     for (const auto &[handle, why] : reasons(found, scope::class_parameters))
         steps.push_back(tc_step(changing(*w.script.find(kind::tree_class, handle)), why));
     for (const auto &[handle, why] : reasons(found, scope::leaf))
-        plan_leaf(w.iface.name, find_class(tree, handle), live.leaf_of(root_major | handle),
+        plan_leaf(w.iface.name, find_class(tree, handle), live.leaf_of(root_id | handle),
                   *w.script.find(kind::leaf, handle), why, steps);
     return steps;
 }

@@ -173,8 +173,8 @@ void check_policy(const policy &p, kernel_kind kernel, diagnostics &found)
         if (!iface.name.empty() && !names.insert(iface.name).second)
             found.error(iface.at,
                         "a second interface named " + quoted(iface.name) + "; give each one entry");
-        const string auto_chain = "_AUTO";
-        if (iface.name.size() > auto_chain.size() && iface.name.ends_with(auto_chain))
+        const std::string_view suffix = mordel::automark_suffix;
+        if (iface.name.size() > suffix.size() && iface.name.ends_with(suffix))
             found.error(iface.name_at, "the chain of such an interface is the automark chain of one"
                                        " named without _AUTO; rename it");
         if (iface.known) interface_checker(p, iface, kernel, found).check();

@@ -60,7 +60,7 @@ bool is_the_root(const policy_interface &wanted, const live_tree &seen, differen
         found.add(scope, 0, "has no " + kind + ", but its default qdisc");
         return false;
     }
-    if (root->kind != kind || root->handle != 0x10000) {
+    if (root->kind != kind || root->handle != root_id) {
         found.add(scope, 0,
                   format("root qdisc is %s %x:, not %s 1:", root->kind.c_str(), root->handle >> 16,
                          kind.c_str()));

@@ -274,4 +274,13 @@ TEST(Bounds, ALongUmaxIsSentSlowerThanTheRate)
     EXPECT_EQ("", sc(5001, 40));
 }
 
+// tc counts a latency in microseconds of 32 bits: 4294967 ms are 4294967000, 4294968 ms are
+// 2^32 + 704. At 8 kbit/s the queue of so long a wait is 4.3 MB, far below 4 GiB.
+TEST(Bounds, TbfsLatencyFitsIn32BitsOfMicroseconds)
+{
+    EXPECT_EQ("", answer(with_leaf(tbf("8kbit", 1514, 4294967))));
+    const std::string wrong = answer(with_leaf(tbf("8kbit", 1514, 4294968)));
+    EXPECT_NE(std::string::npos, wrong.find("lower it to 4294967ms or less")) << wrong;
+}
+
 }  // namespace

@@ -784,7 +784,8 @@ private:
             put(t, "burst",
                 spelt_size(d_, p.burst = d_.number(1514, std::min(sent(p.rate), 1000000000U))));
             const double longest = (4294967295.0 - p.burst) / (p.rate * 0.125);
-            const u32 latest = longest < most ? static_cast<u32>(longest) : most;
+            constexpr u32 most_ms = 4294967;  // tc counts microseconds in 32 bits
+            const u32 latest = longest < most_ms ? static_cast<u32>(longest) : most_ms;
             put(t, "latency", spelt_time(d_, p.latency = d_.number(1, std::max(latest, 1U))));
         }
         entry.tables.push_back(t);
