@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 #include <iterator>
+#include <utility>
 
 #include "guards.h"
 #include "mordel.h"
@@ -53,23 +54,23 @@ bool log_path::others_may_plant()
     char *const slash = ::strrchr(text, '/');
     if (slash == nullptr) return false;  // the empty path
     struct stat st;
-    *slash = '\0';
-    const bool known = ::stat(slash == text ? "/" : text, &st) == 0;
-    *slash = '/';
+    const char first = std::exchange(slash[1], '\0');
+    const bool known = ::stat(text, &st) == 0;
+    slash[1] = first;
     if (!known) return false;  // then the file cannot be opened either
     return (st.st_mode & (S_IWGRP | S_IWOTH)) != 0 || (st.st_uid != 0 && st.st_uid != ::geteuid());
 }
 
-// Opens the file, for reading too, and makes it if it is missing. flags: O_TRUNC or O_APPEND. -1
-// when it cannot be opened, or others may have planted it.
+// Opens the file, for reading too, and makes it if it is missing. flags: O_TRUNC or none. -1 when
+// it cannot be opened, or others may have planted it.
 int log_path::open(int flags)
 {
     constexpr int always = O_RDWR | O_CREAT | O_CLOEXEC;
     constexpr mode_t mode = 0666;
     if (!others_may_plant()) return ::open(text, always | flags, mode);
     struct stat st;
-    fd_guard fd{open_own_file(text, always | (flags & O_APPEND), mode, &st)};
-    if (fd && (flags & O_TRUNC) != 0 && ::ftruncate(fd.get(), 0) != 0) return -1;
+    fd_guard fd{open_own_file(text, always, mode, &st)};
+    if (fd && flags != 0 && ::ftruncate(fd.get(), 0) != 0) return -1;
     return fd.release();
 }
 
@@ -118,9 +119,9 @@ void putlog(int index, const char *first, const char *second)
     log_entry &slot = logList[index];
     if (slot.state != slot_used) return;
     log_path path(slot);
-    fd_guard fd{path.open(O_APPEND)};
+    fd_guard fd{path.open(0)};
     if (!fd) return;
-    stream_guard log{::fdopen(fd.get(), "a+")};
+    stream_guard log{::fdopen(fd.get(), "a+")};  // sets O_APPEND
     if (!log) return;
     (void)fd.release();  // the stream's from here on
     ::fprintf(log.get(), "%s|%s|%lu\n", first, second, now());

@@ -536,6 +536,20 @@ TEST_F(LogFiles, ADirectoryOfOnesOwnMayHoldLinks)
     EXPECT_EQ(lines(2, 3), test::read_file(victim));
 }
 
+TEST_F(LogFiles, ADirectoryOfADaemonsOwnMayHoldLinks)
+{
+    const std::string home = in_dir("home");
+    test::write_file(home, "old\n");
+    if (::chown(home.c_str(), 12345, 0) != 0 || ::chown(dir.c_str(), 12345, 0) != 0)
+        GTEST_SKIP() << "no second user here";
+    fs::create_symlink(home, planted);
+    ASSERT_EQ(0, ::seteuid(12345));
+    const int index = create("app.log");
+    ASSERT_EQ(0, ::seteuid(0));
+    EXPECT_EQ(0, index);
+    EXPECT_EQ("", test::read_file(home));
+}
+
 TEST_F(LogFiles, InASharedDirectoryAPlainFileIsEmptiedAndAppendedTo)
 {
     ASSERT_EQ(0, ::chmod(dir.c_str(), 01777));
