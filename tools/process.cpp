@@ -13,7 +13,9 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <optional>
+#include <sstream>
 #include <thread>
 
 namespace tool {
@@ -89,6 +91,16 @@ mordel::stream_guard make_temporary()
     return mordel::stream_guard(fd >= 0 ? ::fdopen(fd, "w+e") : std::tmpfile());
 }
 
+bool is_on_path(const std::string &program)
+{
+    if (program.find('/') != std::string::npos) return ::access(program.c_str(), X_OK) == 0;
+    const char *path = std::getenv("PATH");
+    std::istringstream folders(path == nullptr ? "/bin:/usr/bin" : path);
+    for (std::string folder; std::getline(folders, folder, ':');)
+        if (::access((folder + "/" + program).c_str(), X_OK) == 0) return true;
+    return false;
+}
+
 run_result run(const std::vector<std::string> &command, const std::string &input, unsigned seconds)
 {
     const auto in = make_temporary();
@@ -100,7 +112,11 @@ run_result run(const std::vector<std::string> &command, const std::string &input
         result.err = "no room for a temporary file";
         return result;
     }
-    const auto child = spawn(command, {in.get(), out.get(), err.get()}, seconds != 0);
+    // posix_spawn may tell of a missing program by its child's status 127 alone (it does under
+    // qemu-user), which a script may end with as well: so the program is looked for first.
+    std::optional<pid_t> child;
+    if (is_on_path(command.front()))
+        child = spawn(command, {in.get(), out.get(), err.get()}, seconds != 0);
     result.missing = !child;
     if (!child) return result;
     result.status = wait_for(*child, seconds);

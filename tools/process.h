@@ -17,6 +17,9 @@ struct run_result {
     bool ok() const { return !missing && status == 0; }
 };
 
+// A name without a slash is looked for in the folders of PATH.
+bool is_on_path(const std::string &program);
+
 // Runs a program, found on the PATH, with a text as its standard input, and waits for its end.
 // After so many seconds, if not 0, it is killed with all that it has started.
 run_result run(const std::vector<std::string> &command, const std::string &input = "",

@@ -3,10 +3,7 @@
 
 #include "steps.h"
 
-#include <unistd.h>
-
 #include <cstdlib>
-#include <sstream>
 
 #include "chains.h"
 #include "text.h"
@@ -78,15 +75,6 @@ string without_opening(const string &said, bool command_known)
 }
 
 }  // namespace
-
-bool is_on_path(const char *program)
-{
-    const char *path = std::getenv("PATH");
-    std::istringstream folders(path == nullptr ? "/bin:/usr/bin" : path);
-    for (string folder; std::getline(folders, folder, ':');)
-        if (::access((folder + "/" + program).c_str(), X_OK) == 0) return true;
-    return false;
-}
 
 string brief(const string &said)
 {

@@ -24,8 +24,6 @@ std::optional<step_failure> run_tc(const std::vector<step> &steps);
 // iptables-restore's steps: all of them or none. busy: somebody kept the lock.
 std::optional<step_failure> load_rules(const iptables &tables, const std::vector<step> &steps);
 
-bool is_on_path(const char *program);
-
 // What a program said, on one line of bearable length
 std::string brief(const std::string &said);
 
