@@ -97,7 +97,7 @@ bool is_on_path(const std::string &program)
     const char *path = std::getenv("PATH");
     std::istringstream folders(path == nullptr ? "/bin:/usr/bin" : path);
     for (std::string folder; std::getline(folders, folder, ':');)
-        if (::access((folder + "/" + program).c_str(), X_OK) == 0) return true;
+        if (::access(folder.append("/").append(program).c_str(), X_OK) == 0) return true;
     return false;
 }
 

@@ -13,8 +13,6 @@ namespace {
 
 using std::string;
 using tool::chains_seen;
-using tool::difference;
-using tool::effect;
 using tool::live_tree;
 using tool::memory;
 using tool::plan;
@@ -91,7 +89,7 @@ private:
 
 // ---- What is there ------------------------------------------------------------------------------
 
-constexpr u32 mbit = 125000;  // bytes/s
+constexpr u64 mbit = 125000;  // bytes/s
 
 tool::live_qdisc qdisc(u32 handle, u32 parent, const char *kind)
 {
@@ -110,7 +108,7 @@ live_tree default_tree()
     return t;
 }
 
-tool::live_class htb_class(u32 handle, u32 parent, u32 rate, u32 ceil, double burst, double cburst)
+tool::live_class htb_class(u32 handle, u32 parent, u64 rate, u64 ceil, double burst, double cburst)
 {
     tool::live_class c;
     c.id = 0x10000 | handle;
