@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Speed as ratios: each benchmark runs the library and its floor (the same bytes written raw, the
 // same system calls made bare) in turn, in one run, and reports library time / floor time.
 

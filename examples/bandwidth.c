@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Prints the bandwidth of interfaces, a line each per period.
  *
  *     bandwidth SECONDS COUNT NAME...

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Sends back whatever its clients send, until SIGINT or SIGTERM.
  *
  *     echo_service ADDRESS PORT

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Declares the traffic shaping of a home router and writes its scripts.
  *
  *     home_router DIR

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* libmordel: what the management daemons of a small Linux router share.
  *
  * Valid C99 and C++11. Every function and object has C linkage.

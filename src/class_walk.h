@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A walk of the class tree in pre-order, by a loop that allocates nothing. A recursion would need
 // more stack than a small thread has: trees of 2,000 levels are walked on 64 KiB.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Owners of a descriptor, a stream and a heap block: each gives its own back when it goes out of
 // scope, so that a function can return at its first failure.
 #pragma once

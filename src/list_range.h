@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Typed walks over the intrusive list: for (qos_class &c : each<&qos_class::node>(list)).
 //
 // The walk takes the next record before the body of the loop runs. The body may so unlink and free

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Opens files where others may have planted some. No state.
 
 #include "plain_file.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Files in directories that others may write to: what they could have planted there is not touched.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Generated scripts: how they are opened, closed and made ready to run. No state; who calls for one
 // path serialises.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Generated scripts as files.
 #pragma once
 

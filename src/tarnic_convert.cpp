@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Id/text maps, conversions and shell helpers. Owns nothing and keeps no state: all of it may run
 // on any thread.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // System V semaphores and shared memory. This file owns nothing: the kernel keeps the objects and
 // serialises what threads and processes do to them.
 

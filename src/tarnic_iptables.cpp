@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Classification rules, schedules, and the iptables scripts and reports made from them. Owns
 // sched_root with the schedules on it, and the rules, which hang on the interface records of
 // tarnic_qos. Takes no lock: callers serialise all calls, whatever the interface.

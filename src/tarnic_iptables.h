@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the rules offer the tree's scripts, the reports, the command mordel and the tests.
 #pragma once
 

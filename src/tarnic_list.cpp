@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The intrusive list. Owns nothing and takes no lock: callers serialise the calls on one list.
 
 #include "mordel.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Named log files with rotation. Owns logList, one table for the process, and isInit. Takes no
 // lock: callers serialise all calls. Traces nothing.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Interface queries, sockets, the select dispatcher, transfer, addresses and the bandwidth monitor.
 //
 // This file owns no data but LogStrMap, which is constant. Each dispatcher thread owns its record

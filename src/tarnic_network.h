@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The internal functions of tarnic_network.cpp that the tests call directly.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The traffic-control model of each interface, and the tc scripts and reports made from it. Owns
 // qos_root, the interface records on it and the classes below these; the rules on a record belong
 // to tarnic_iptables and are freed here with their interface. Takes no lock: callers serialise all

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the tree model offers the rules, the reports, the command mordel and the tests.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The trace sinks. This file owns nothing and needs no lock: every trace opens its sink anew, so
 // that a log that was rotated and a console that comes and goes need no care, and appends its line
 // in one write, so that the lines of threads and processes do not mix.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Traces to the two sinks: TRACE_FILE to /var/tmp/tarnic.log, TRACE_CONSOLE to the console.
 //
 // A source file defines TRACE_SOURCE, its trace_source, before it includes this header. Each trace

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The bandwidth monitor: its registry, scans of exact counters, and the sampling thread.
 //
 // Exact counters come from a file that stands in for /proc/net/dev, the kernel's own from frames

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Address texts, the signal quality figure, and the shell helpers.
 #include <arpa/inet.h>
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Calls of the C library, watched and made to fail. The test program is linked with --wrap for
 // those in CMakeLists.txt, so that no test hook stands in the library itself.
 #pragma once

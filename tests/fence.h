@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Bytes that end where readable memory ends.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The owners of src/guards.h: what they close, and that closing shows nowhere else.
 #include "guards.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Semaphores and shared memory: real System V objects, between processes.
 #include <sys/ipc.h>
 #include <sys/sem.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Rules rendered as iptables command lines, and the lines that keep an interface's two chains.
 #include <cstring>
 #include <string_view>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The intrusive list, link by link, and the typed walk over it.
 #include "list_range.h"
 

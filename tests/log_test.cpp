@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Log files: the table, what a log's creation does to its file, lines, renaming by count.
 #include <fcntl.h>
 #include <poll.h>

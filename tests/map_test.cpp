@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The lookups in id/text and id/value tables, and the comparison without case.
 #include <bit>
 #include <cctype>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Interface queries: of veth pairs, and of counter files made up.
 #include <fcntl.h>
 #include <ifaddrs.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Nothing in a caller's record counts but its named fields: the bytes between and behind them, and
 // those of a union that the field in use does not reach, may hold anything.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The tree model at its edges: names stored alike, memory that runs out, a console that cannot be
 // written, trees as deep as they get, and long random histories against a model.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The tree model: interfaces, their default trees, classes, leaf qdiscs, lookups.
 #include "tarnic_qos.h"
 

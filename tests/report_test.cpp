@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The reports on the console: an interface's tree, and its rules. Every line is a trace.
 #include <fcntl.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Rule scripts: the text for a caller's stream, the script that is run at once, and how the three
 // scripts of the library treat the file they find.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The rule records: the subsystem's names, each interface's ordered list, the automark value.
 #include <fcntl.h>
 

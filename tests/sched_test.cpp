@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Schedules: the global list, and the text of a schedule.
 #include <cstring>
 

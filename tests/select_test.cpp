@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The select dispatcher. Each test runs dispatchers of the real thing on loopback sockets. Their
 // handlers note what they are told, in order, and change the world between two passes, on the
 // dispatcher's own thread, so that the journal of a run is known to the line.

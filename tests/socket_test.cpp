@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Sockets over the loopback: opening, connecting, listening; whole buffers through them; addresses.
 #include <arpa/inet.h>
 #include <fcntl.h>

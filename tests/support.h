@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the tests share: private namespaces, the two trace sinks read back, scripts read back.
 //
 // main() (in support.cpp) moves the whole test program into private mount, network and IPC

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The tree rendered as tc commands, and the scripts that hold them.
 
 #include <array>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a sink that somebody else has prepared, or a host in trouble, does to a trace: at most the
 // line is lost.
 

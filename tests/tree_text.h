@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the tree tests share: the tree as text, parameter records, traces, the heap.
 #pragma once
 

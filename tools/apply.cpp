@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Owns the way of a plan into the kernel: its steps are run, what the kernel then holds is
 // verified, and after a failure all of the interface is taken back. Which steps there are is
 // decided in plan.cpp.

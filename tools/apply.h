@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A policy brought into the kernel.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Owns the names of an interface's chains and the lines about them that iptables prints and
 // iptables-restore takes. Pure: who runs them is iptables.cpp.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // An interface's two chains in the mangle table, as texts: what belongs to them in a listing, and
 // the lines for iptables-restore that load them or take them away.
 #pragma once

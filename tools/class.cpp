@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The rows of the class kinds, and above each the functions that it holds. Pure: no file, no
 // kernel, no state.
 #include "class.h"

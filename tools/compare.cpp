@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Holds a policy's tree against the kernel's: the root, the classes, the leaves, the filters. What
 // the options of one kind mean is that kind's. Pure: takes records and gives records.
 #include "compare.h"

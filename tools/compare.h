@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the kernel holds beside what the policy says.
 #pragma once
 

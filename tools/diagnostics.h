@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What is wrong with a policy: errors and warnings, each with its place.
 #pragma once
 

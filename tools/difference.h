@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One thing that the kernel holds otherwise than the policy says, and a list of them.
 #pragma once
 

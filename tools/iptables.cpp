@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Owns the calls of iptables. All of them wait for the lock that the calls of all programs share,
 // for a time that has an end.
 

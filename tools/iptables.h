@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // iptables and iptables-restore, run for one interface's chains.
 #pragma once
 

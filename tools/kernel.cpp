@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Asks the kernel for what it holds on an interface, by rtnetlink, and for its queue's length, by
 // ioctl. What the answers mean, and where a dump ends, is tc_dump.cpp's.
 #include "kernel.h"

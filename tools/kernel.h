@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The kernel's side of an interface, asked by rtnetlink and ioctl.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The table of the leaf kinds, and below each kind's name the functions that its row holds. Pure:
 // no file, no kernel, no state.
 #include "leaf.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the kernel holds on an interface, as records: exact numbers, where the texts of tc are
 // rounded.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Owns the lock file. The kernel lets go of a lock with its descriptor: a mordel that was killed
 // leaves none behind.
 

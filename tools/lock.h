@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One apply or stop at a time, on the whole machine.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The command line of mordel: its options, and the way of each command through the stations. Only
 // here is a policy file read, and only here is something said on standard output and error, but for
 // `watch`.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Which kernel a policy is for: a mainline one knows less than a router's own.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The tables of the match kinds and of the target kinds, and above each the functions that their
 // rows hold. Pure: no file, no kernel, no state.
 #include "match.h"

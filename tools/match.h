@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a rule may match, and what it may do to a packet: all that this command knows of one kind of
 // either is its row.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Lookups in the library's id/text tables, for whom the table's end is no word. Owns nothing.
 #include "names.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The words that policies and reports have for the library's numbers: its own tables, and what
 // those leave out.
 #pragma once

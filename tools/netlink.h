@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The attributes of a netlink message: a type, a length and a value each, and values that are
 // attributes again.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Owns the look at the mangle table that a plan is made of. It changes nothing: the wanted rules
 // are tried in a network namespace of their own.
 

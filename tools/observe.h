@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What is known of an interface's chains, found out by iptables.
 #pragma once
 

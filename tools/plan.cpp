@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Owns the decision what is done to an interface: nothing, a few parameters changed in place, or a
 // new tree; rules exchanged or left. Pure: it is handed what the kernel holds, and runs nothing.
 

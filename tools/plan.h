@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What is to be done to an interface: from what is wanted, what is there and what is remembered to
 // an ordered list of steps. Whoever shows, runs or counts them has this list.
 #pragma once

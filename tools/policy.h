@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A policy as it was read from its file: the library's records, and where in the file they come
 // from. Nothing here touches the library's state or the kernel.
 #pragma once

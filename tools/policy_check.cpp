@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The second half of reading a policy: what values mean together, and what the kernel will say.
 // Pure: takes records. What concerns one kind of root, class, leaf, match or target is that kind's.
 #include <set>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Owns the running of other programs: started with posix_spawn, fed and heard through files without
 // a name. A pipe would need somebody to read it while somebody else writes; a file holds whatever
 // comes, and its reader starts when the program has ended.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Other programs, run without a shell.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The library's traces go to the console of the machine. The command's user sits elsewhere and is
 // told by the command itself, so its traces go nowhere.
 #include "trace.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Owns the library's lists, which are one for the process: each function here fills them with a
 // policy and empties them before it returns, also when it throws. Everybody else is handed texts.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the library makes of a policy: the scripts of its interfaces, as texts.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Owns the words and the JSON about plans and what came of them. The plan that a dry run shows is
 // the record that apply runs, and `status` shows what apply would do.
 

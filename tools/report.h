@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What came of an interface, and how a person and a program are told of it.
 #pragma once
 

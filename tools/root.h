@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The kinds of root qdiscs: all that this command knows of one kind is its row.
 #pragma once
 

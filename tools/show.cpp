@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A policy as a tree for a person, as a graph for Graphviz, and as JSON for a program. Pure: takes
 // a policy and gives a text.
 #include "show.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A policy as a person wants to see it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Owns the grammar of the start scripts that the library writes. Words are looked at by their
 // place, so that an interface may be called as a word of a command is. Nothing here reads a file.
 

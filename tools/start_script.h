@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A start script taken apart: its commands, each with what it is about and where it stands.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Owns the files of /var/run/mordel: NAME.toml, NAME.start and NAME.rules for each interface. Who
 // writes them holds the lock (lock.h); `status` reads them without it, and so each file is replaced
 // in one step.

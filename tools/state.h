@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What was applied last, by interface, kept until the next boot.
 #pragma once
 

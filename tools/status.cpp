@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Owns the live view: two looks at the kernel give the rates, and the plan that apply would run
 // gives what differs from the policy. Nothing is changed.
 

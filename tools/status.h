@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The kernel's live classes beside the policy.
 #pragma once
 

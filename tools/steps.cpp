@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Owns the two batch forms: `tc -batch -` and `iptables-restore --noflush`, one process each, and
 // the reading of what they say when they refuse.
 

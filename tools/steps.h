@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Runs the steps of a plan, a program at a time, and says which of them was refused.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Owns the way back: an interface on its default qdisc, no chain of ours in the mangle table, and
 // nothing remembered.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A policy taken away.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Reads one TOML table. Owns the messages about a key by itself: unknown, missing, of the wrong
 // type, out of its range. What several keys mean together is the caller's.
 #include "table_reader.h"

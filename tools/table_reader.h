@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A TOML table, read a key at a time: each kind of value has its own message for what is wrong.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Takes messages of rtnetlink apart. Pure: a message is bytes, and what its options mean is known
 // by the kind that it names. Bytes that end too early read as zeros.
 #include "tc_dump.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What rtnetlink says of qdiscs, classes and filters, as records.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Quantities as people and tc write them, texts that are safe in a script, and texts that are safe
 // on a terminal.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How tc and the kernel carry a burst: as the time that it takes at its rate, in ticks of 64 ns.
 #pragma once
 

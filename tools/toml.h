@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // toml++, with errors as results. Its definitions are compiled once, in toml.cpp.
 #pragma once
 

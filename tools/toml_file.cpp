@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Hands a text to the TOML parser, after a look for what the parser itself cannot stand.
 #include "toml_file.h"
 

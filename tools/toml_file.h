@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The text of a policy file as a TOML table.
 #pragma once
 

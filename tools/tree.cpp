@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The tree that comes of an interface's entries and of the classes that come by themselves. Pure:
 // takes records and gives records.
 #include "tree.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // An interface's classes as the kernel will have them: the entries of the policy, and the classes
 // that come by themselves.
 #pragma once

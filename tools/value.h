@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A value of a policy file: whether the file gives it, whether it is right, and where it stands.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The library's monitor samples in a thread of its own; this draws what it holds.
 #include "watch.h"
 

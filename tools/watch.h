@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Live bandwidth of interfaces.
 #pragma once
 

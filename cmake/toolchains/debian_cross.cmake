@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # What the toolchain files beside this one share. They set target, target_processor, target_flags
 # and the emulator.
 set(CMAKE_SYSTEM_NAME Linux)

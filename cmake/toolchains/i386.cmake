@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # 32-bit x86, by Debian's g++-i686-linux-gnu. An x86-64 machine runs what it builds, given the loader
 # and the libraries.
 set(target i686-linux-gnu)

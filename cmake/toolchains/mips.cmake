@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Big-endian 32-bit MIPS, by Debian's g++-mips-linux-gnu; what it builds runs under qemu-user.
 set(target mips-linux-gnu)
 set(target_processor mips)

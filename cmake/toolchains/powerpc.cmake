@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Big-endian 32-bit PowerPC, by Debian's g++-powerpc-linux-gnu; what it builds runs under qemu-user.
 set(target powerpc-linux-gnu)
 set(target_processor ppc)

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* One call, from C99. */
 #include <mordel.h>
 

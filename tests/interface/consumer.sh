@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # consumer.sh SOURCE CC [TOOLCHAIN]: builds and runs the project in tests/consumer, which takes
 # SOURCE in by add_subdirectory, and compares what its cache holds with and without the library.
 # For another machine, TOOLCHAIN is its CMake file.

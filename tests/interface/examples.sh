@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # examples.sh ECHO_SERVICE BANDWIDTH: the two in namespaces of their own, against each other.
 # EMULATOR: the command that runs programs of another machine, if these are.
 set -euo pipefail

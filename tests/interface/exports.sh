@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # exports.sh HEADER MAP LIBRARY: the names that the header declares, the version script lists and
 # the shared library exports are the same.
 set -eu

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # golden.sh GOLDEN TESTS ROUTER: writes every text that is compared with GOLDEN anew, compares the
 # two folders whole, so that no file is left out, and prints one checksum over all the texts.
 # EMULATOR: the command that runs programs of another machine, if TESTS and ROUTER are.

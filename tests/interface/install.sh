@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # install.sh SOURCE CC [TOOLCHAIN]: configures and builds with nothing but a compiler, installs, and
 # compiles and runs the README's C program against what was installed. For another machine, TOOLCHAIN
 # is its CMake file and EMULATOR the command that runs its programs.

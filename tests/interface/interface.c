@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The public interface as its users compile it: every function by its exact type, every record by
  * its size and offsets on 32- and 64-bit hosts. Built against the shared library twice: as C99 and
  * as C++11. */

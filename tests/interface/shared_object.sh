@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # shared_object.sh LIBRARY ARCHIVE [BUDGET]: needs the C library alone, has its name, runs nothing at
 # load time and, where a budget is given, is no larger than that many bytes of text, data and bss.
 set -eu

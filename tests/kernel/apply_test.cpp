@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The command's apply, stop and status against a real kernel. It runs as root in a guest of
 // uml-run:
 //

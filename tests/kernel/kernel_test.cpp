@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The scripts against a real kernel: interfaces are declared through the public interface, their
 // scripts run in a user-mode Linux, and what that kernel then holds is compared with the records.
 // One guest serves all tests; it is booted before the first one.

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # main_job.sh ROUTER GOLDEN: the home router's scripts are those of GOLDEN, and a real kernel takes
 # them. MORDEL_BLESS=1 rewrites GOLDEN instead of comparing with it. EMULATOR: the command that runs
 # programs of another machine, if ROUTER is one.

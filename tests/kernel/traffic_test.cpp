@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Shaping seen from outside: runs inside the guest of uml-run, where a router's interface lan0 gets
 // a tree and its rules by the scripts as the library writes them. Packets are then sent through it,
 // and the kernel's counters say which class took them and how fast.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What tc and the kernel can say of a leaf, a burst and a curve, just inside and just outside of
 // each bound. The arithmetic is by hand; tc 6.1 refuses or garbles each value outside and takes
 // each inside, as far as it looks at them.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // An interface's lines of the mangle table, and the input of iptables-restore about them.
 #include "chains.h"
 

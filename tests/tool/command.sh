@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # command.sh MORDEL...: the program as it is run. All arguments together are the command: in front of
 # the program there may be the emulator that it needs.
 set -euo pipefail

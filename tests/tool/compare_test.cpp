@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The kernel's state beside a policy, on trees made by hand: first one that is as the policy says,
 // then one thing changed at a time.
 #include "compare.h"

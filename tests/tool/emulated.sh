@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # emulated.sh MORDEL...: stands in for the test `apply` where MORDEL runs under an emulator: those of
 # qemu-user pass on no rtnetlink message about qdiscs, so nothing can be read back. Skips once it has
 # seen that; fails where an emulator has learnt it.

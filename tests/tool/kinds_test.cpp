@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // That each kind of leaf and of root is whole: named in the header, rendered by the library, a row
 // of the command, a line of the manual, a policy among the tests. A kind that is half added fails
 // here by its name; what the compiler sees fails there.

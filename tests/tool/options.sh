@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # options.sh MANUAL COMPLETION MORDEL...: what `mordel COMMAND --help` says, the manual's synopsis
 # and the completion for bash have the same commands, and for each command the same options, with a
 # value or without. MORDEL... is the command as it is run, behind its emulator if it needs one.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a policy may say and what it means, and the texts that are read and written with it.
 #include <gtest/gtest.h>
 

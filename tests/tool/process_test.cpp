@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Programs run without a shell: here a shell is what is run.
 #include "process.h"
 

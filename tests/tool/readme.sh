@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # readme.sh MORDEL...: what README.md shows is what a reader gets. MORDEL... is the command as it is
 # run, behind its emulator if it needs one.
 set -euo pipefail

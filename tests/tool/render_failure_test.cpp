@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What render() does where the library refuses a policy or memory runs out. The program is linked
 // with --wrap for open_memstream, so that a stream can fail as one does without memory.
 #include <gtest/gtest.h>

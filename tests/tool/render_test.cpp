@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a policy file says is what the library's calls write, byte for byte. The calls are made
 // here, without any of the tool's code, and the file is written beside them in one of the many
 // spellings that mean the same.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What apply and stop say of an interface, to a person and as JSON.
 #include "report.h"
 

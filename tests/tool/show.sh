@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # show.sh MORDEL...: all that `mordel check`, `show` and `render` print, compared byte for byte with
 # tests/policies/show/NAME.golden, for each policy of that folder and each example. MORDEL_BLESS=1
 # rewrites those files instead: review the diff against the policies.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What `mordel show` prints on a terminal alone; its texts are compared by show.sh.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A start script taken apart: each command with what it is about and its line. The scripts are
 // written here by hand, as the library writes them.
 #include "start_script.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What is remembered of an interface, in a folder of the test's own.
 #include "state.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The live view of an interface: rows, rates and differences from trees made by hand, and both ways
 // to show them.
 #include "status.h"

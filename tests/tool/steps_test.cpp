@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The running of steps, with tc, iptables and iptables-restore as scripts of the test's own, which
 // keep what they are given and say what is set for them.
 #include "steps.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What each way to read a key says of each kind of value, taken and refused.
 #include "table_reader.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What messages of rtnetlink come to. The messages are made of the kernel's own records in the
 // host's byte order, so a big-endian host reads them as a little-endian one does.
 #include "tc_dump.h"

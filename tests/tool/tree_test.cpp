@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The tree that comes of a policy: its order, its default classes and the curves that are written,
 // beside what the library makes of the same calls.
 #include "tree.h"

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # watch.sh MORDEL...: `mordel watch` in a terminal and without one, with traffic on a veth pair, in a
 # network namespace of its own.
 set -euo pipefail

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # watch_more.sh MORDEL...: what `mordel watch` does when one of two interfaces goes, without a
 # semaphore, at the edges of its options, and in a terminal without a locale; in namespaces of its own.
 set -euo pipefail
