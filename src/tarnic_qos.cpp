@@ -125,32 +125,6 @@ void add_default_classes(const qos_if *rec)
 
 }  // namespace
 
-qos_class_param default_param(const qos_if *rec, const default_class &row)
-{
-    const u32 rate = row.at_link ? rec->link_tx : rec->phy_tx;
-    // Zeroed as a whole: two long names may be stored alike, and add_class then finds the older
-    // interface. If that one is HFSC and this one HTB, the longer HFSC parameters are read here.
-    qos_class_param param;
-    ::memset(&param, 0, sizeof param);
-    if (rec->root_type == R_HTB) {
-        param.htb = {rate, rate, row.burst, row.burst, 0};
-    } else {
-        param.hfsc.ul.rate = rate;
-        param.hfsc.sc.rate = rate;
-    }
-    return param;
-}
-
-leaf_qdisc default_leaf(const default_class &row)
-{
-    leaf_qdisc leaf;
-    ::memset(&leaf, 0, sizeof leaf);
-    if (row.perturb == 0) return leaf;
-    leaf.type = L_SFQ;
-    leaf.param.sfq.perturb = row.perturb;
-    return leaf;
-}
-
 int add_prio_classes(const char *ifname, u8 bands)
 {
     qos_if *rec = root_qdisc_find_by_name(ifname);

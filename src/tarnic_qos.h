@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
 
 #include "list_range.h"
 #include "mordel.h"
@@ -16,9 +17,11 @@ extern const txt_map RootQdiscTypeMap[];
 extern const id_map RootClassTypeMap[];  // root type -> the class type add_class makes, or -1
 extern const txt_map ClassTypeMap[];
 extern const txt_map LeafQdiscTypeMap[];
-inline constexpr u32 leaf_types = 4;  // L_…
-inline constexpr u32 root_types = 4;  // R_…
 extern const txt_map CurveTypeMap[];
+
+// How many there are: a row of the tables that are indexed by them for each
+inline constexpr u32 root_types = 4;  // R_…
+inline constexpr u32 leaf_types = 4;  // L_…
 
 // The text of an id. Records hold ids unsigned, maps signed; this is the one place that converts.
 inline const char *name_of(const txt_map *map, u32 id)
@@ -59,8 +62,31 @@ inline constexpr default_class default_classes[] = {
 };
 
 // A default class's parameters, by the record's speeds and root type, and its leaf
-qos_class_param default_param(const qos_if *rec, const default_class &row);
-leaf_qdisc default_leaf(const default_class &row);
+inline qos_class_param default_param(const qos_if *rec, const default_class &row)
+{
+    const u32 rate = row.at_link ? rec->link_tx : rec->phy_tx;
+    // Zeroed as a whole: two long names may be stored alike, and add_class then finds the older
+    // interface. If that one is HFSC and this one HTB, the longer HFSC parameters are read here.
+    qos_class_param param;
+    ::memset(&param, 0, sizeof param);
+    if (rec->root_type == R_HTB) {
+        param.htb = {rate, rate, row.burst, row.burst, 0};
+    } else {
+        param.hfsc.ul.rate = rate;
+        param.hfsc.sc.rate = rate;
+    }
+    return param;
+}
+
+inline leaf_qdisc default_leaf(const default_class &row)
+{
+    leaf_qdisc leaf;
+    ::memset(&leaf, 0, sizeof leaf);
+    if (row.perturb == 0) return leaf;
+    leaf.type = L_SFQ;
+    leaf.param.sfq.perturb = row.perturb;
+    return leaf;
+}
 
 // ---- Building ----------------------------------------------------------------------------------
 
