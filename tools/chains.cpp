@@ -33,9 +33,6 @@ string deletion_of(const string &rule) { return "-D" + rule.substr(2); }
 
 }  // namespace
 
-string rule_chain(const string &ifname) { return mordel::chain_prefix + ifname; }
-string automark_chain(const string &ifname) { return rule_chain(ifname) + mordel::automark_suffix; }
-
 lines own_lines(const string &listing, const string &ifname)
 {
     const string rules = rule_chain(ifname);

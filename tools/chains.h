@@ -6,12 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "start_script.h"
+#include "command.h"
 
 namespace tool {
-
-std::string rule_chain(const std::string &ifname);
-std::string automark_chain(const std::string &ifname);
 
 // What `iptables -S` says of this interface: its two chains, their rules, and the jumps into them
 std::vector<std::string> own_lines(const std::string &listing, const std::string &ifname);

@@ -7,6 +7,7 @@
 
 #include "difference.h"
 #include "live.h"
+#include "mainline.h"
 #include "netlink.h"
 #include "policy.h"
 #include "table_reader.h"

@@ -18,7 +18,7 @@
 #include "apply.h"
 #include "guards.h"
 #include "lock.h"
-#include "policy.h"
+#include "policy_read.h"
 #include "render.h"
 #include "report.h"
 #include "show.h"

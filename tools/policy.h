@@ -5,11 +5,9 @@
 
 #include <array>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "diagnostics.h"
-#include "mainline.h"
 #include "mordel.h"
 #include "tarnic_iptables.h"
 #include "value.h"
@@ -94,13 +92,5 @@ struct policy {
     std::vector<policy_interface> interfaces;
     std::vector<policy_schedule> schedules;
 };
-
-// Reads and checks a policy. Whatever is wrong is in `found`; the result is of use only when
-// nothing of it is an error.
-policy read_policy(std::string_view text, kernel_kind kernel, diagnostics &found);
-
-// What the two halves of read_policy are: what a value may be, and what values mean together.
-policy parse_policy(std::string_view text, diagnostics &found);
-void check_policy(const policy &p, kernel_kind kernel, diagnostics &found);
 
 }  // namespace tool

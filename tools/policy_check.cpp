@@ -6,7 +6,7 @@
 #include "leaf.h"
 #include "match.h"
 #include "names.h"
-#include "policy.h"
+#include "policy_read.h"
 #include "root.h"
 #include "text.h"
 #include "tree.h"

@@ -5,9 +5,7 @@
 #include "start_script.h"
 
 #include <charconv>
-#include <sstream>
 
-#include "chains.h"
 #include "text.h"
 
 namespace tool {
@@ -143,31 +141,6 @@ private:
 
 }  // namespace
 
-string object_text(const object &what)
-{
-    switch (what.what) {
-    case kind::root:
-        return "root";
-    case kind::tree_class:
-        return format("class 1:%x", what.number);
-    case kind::leaf:
-        return format("leaf of 1:%x", what.number);
-    case kind::filter:
-        return format("filter of mark 0x%x", what.number);
-    case kind::queue_length:
-        return "queue length";
-    case kind::chain:
-        return "chain " + what.chain;
-    case kind::jump:
-        return "jump of " + what.chain;
-    case kind::rule:
-        return "rule of " + what.chain;
-    case kind::interface:
-        return "interface";
-    }
-    return "";
-}
-
 const command *start_script::find(kind what, u32 number) const
 {
     const auto place = places.find({what, number});
@@ -177,18 +150,6 @@ const command *start_script::find(kind what, u32 number) const
 start_script parse_start_script(const string &text, const string &ifname)
 {
     return reader(ifname).read(text);
-}
-
-words words_of(std::string_view text)
-{
-    words out;
-    std::istringstream in{string(text)};
-    for (string word; in >> word;) {
-        if (word.size() >= 2 && word.front() == '"' && word.back() == '"')
-            word = word.substr(1, word.size() - 2);
-        out.push_back(word);
-    }
-    return out;
 }
 
 }  // namespace tool

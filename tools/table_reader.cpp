@@ -51,12 +51,6 @@ std::optional<u32> id_of(const txt_map *map, const toml::node &node)
 
 }  // namespace
 
-position place(const toml::source_region &source)
-{
-    return {source.begin.line, source.begin.column};
-}
-position place(const toml::node &node) { return place(node.source()); }
-
 table_reader::table_reader(const toml::table &table, string what, diagnostics &found)
     : table_(table), at_(place(table)), what_(std::move(what)), found_(found)
 {}

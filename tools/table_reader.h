@@ -19,9 +19,6 @@ inline constexpr u32 no_limit = 0xffffffff;  // the highest number that a key ta
 inline constexpr u32 highest_handle =
     0xfff;  // a leaf qdisc's number is 16 times as much, of 16 bits
 
-position place(const toml::node &node);
-position place(const toml::source_region &source);
-
 class table_reader {
 public:
     using words = std::initializer_list<std::string_view>;

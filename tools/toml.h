@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// toml++, with errors as results. Its definitions are compiled once, in toml.cpp.
+// toml++, with errors as results, and where its nodes stand. Its definitions are compiled once, in
+// toml.cpp.
 #pragma once
 
 #define TOML_EXCEPTIONS 0
@@ -7,3 +8,15 @@
 #define TOML_ENABLE_FORMATTERS 0
 #define TOML_ENABLE_WINDOWS_COMPAT 0
 #include <toml++/toml.h>
+
+#include "diagnostics.h"
+
+namespace tool {
+
+inline position place(const toml::source_region &source)
+{
+    return {source.begin.line, source.begin.column};
+}
+inline position place(const toml::node &node) { return place(node.source()); }
+
+}  // namespace tool

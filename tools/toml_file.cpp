@@ -2,7 +2,6 @@
 // Hands a text to the TOML parser, after a look for what the parser itself cannot stand.
 #include "toml_file.h"
 
-#include "table_reader.h"
 #include "text.h"
 
 namespace tool {

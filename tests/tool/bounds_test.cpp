@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "leaf.h"
-#include "policy.h"
+#include "policy_read.h"
 #include "text.h"
 
 namespace {

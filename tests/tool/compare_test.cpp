@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "policy.h"
+#include "policy_read.h"
 #include "text.h"
 
 namespace {

@@ -2,6 +2,7 @@
 // From what is wanted, what is there and what is remembered to the steps of a plan. The trees that
 // the kernel holds are made by hand, and each list of steps is compared whole.
 #include "plan.h"
+#include "policy_read.h"
 
 #include <gtest/gtest.h>
 

@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "policy.h"
+#include "policy_read.h"
 #include "text.h"
 #include "tree.h"
 

@@ -24,7 +24,7 @@
 #include <sstream>
 
 #include "list_range.h"
-#include "policy.h"
+#include "policy_read.h"
 #include "render.h"
 #include "start_script.h"
 #include "tarnic_iptables.h"

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "policy.h"
+#include "policy_read.h"
 #include "show.h"
 #include "text.h"
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The live view of an interface: rows, rates and differences from trees made by hand, and both ways
 // to show them.
+#include "policy_read.h"
 #include "status.h"
 
 #include <gtest/gtest.h>

@@ -11,7 +11,7 @@
 
 #include "class_walk.h"
 #include "leaf.h"
-#include "policy.h"
+#include "policy_read.h"
 #include "root.h"
 #include "tarnic_qos.h"
 #include "text.h"

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The first half of reading a policy: from the file's text to records. Every value is held against
 // what it may be; what values mean together is policy_check.cpp's. Pure: takes a text.
-#include "policy.h"
+#include "policy_read.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: MIT
+// From a policy file's text to a checked policy.
+#pragma once
+
+#include <string_view>
+
+#include "diagnostics.h"
+#include "mainline.h"
+#include "policy.h"
+
+namespace tool {
+
+// Reads and checks a policy. Whatever is wrong is in `found`; the result is of use only when
+// nothing of it is an error.
+policy read_policy(std::string_view text, kernel_kind kernel, diagnostics &found);
+
+// What the two halves of read_policy are: what a value may be, and what values mean together.
+policy parse_policy(std::string_view text, diagnostics &found);
+void check_policy(const policy &p, kernel_kind kernel, diagnostics &found);
+
+}  // namespace tool
