@@ -18,6 +18,7 @@ namespace {
 
 using std::string;
 using json = nlohmann::ordered_json;
+// A difference in parameters is mended by one `tc class change`; the tree stays.
 constexpr auto parameters = difference::scope::class_parameters;
 
 // ---- HTB ----------------------------------------------------------------------------------------
@@ -33,13 +34,17 @@ void read_htb(table_reader &in, policy_class &entry)
     v.prio = in.number("prio", 0, 7);
     v.burst = in.size("burst");
     v.cburst = in.size("cburst");
+    // Without a ceil a class borrows nothing: its ceil is its rate.
     const u32 ceil = v.ceil.is_absent() ? v.rate.get() : v.ceil.get();
     entry.param.htb = {v.rate.get(), ceil, v.burst.get(), v.cburst.get(), v.prio.get()};
 }
 
+// HTB lets a class send at its rate whatever its parent's ceil is: a rate above that ceil would
+// break the parent's limit, which is an error. A ceil above it does no harm.
 void check_htb_below(const tree_class &c, const tree_class &parent, diagnostics &found)
 {
     const htb_class_param &p = c.param.htb;
+    // 0 when the parent's rate or ceil is missing or wrong, which is reported.
     const u32 most = parent.param.htb.ceil;
     if (most == 0) return;
     const htb_values &v = c.entry->htb;
@@ -63,6 +68,7 @@ void check_htb(const tree_class &c, const tree_class *parent, kernel_kind, diagn
     if (v.ceil.is_good() && p.ceil < p.rate)
         found.error(v.ceil.at(), format("ceil %s is below the rate, %s; raise it to that or more",
                                         rate_text(p.ceil).c_str(), rate_text(p.rate).c_str()));
+    // tc and the kernel carry a burst as the time it takes at its rate (ticks.h).
     if (takes_too_long(p.burst, p.rate)) found.error(v.burst.at(), burst_right);
     if (takes_too_long(p.cburst, p.ceil)) found.error(v.cburst.at(), burst_right);
     if (parent != nullptr) check_htb_below(c, *parent, found);
@@ -78,6 +84,7 @@ void htb_from_kernel(live_class &seen, const attribute &options, double ticks_pe
         if (a.type == TCA_HTB_RATE64) rate64 = a.as<u64>();
         if (a.type == TCA_HTB_CEIL64) ceil64 = a.as<u64>();
     });
+    // The kernel sends rates of 64 bits only from 2^32 bytes/s on; the fields of 32 are full then.
     seen.rate = rate64 != 0 ? rate64 : opt.rate.rate;
     seen.ceil = ceil64 != 0 ? ceil64 : opt.ceil.rate;
     seen.burst = bytes_of_ticks(opt.buffer, seen.rate, ticks_per_us);
@@ -92,7 +99,8 @@ void compare_htb(const tree_class &wanted, const live_class &seen, differences &
     found.rate(parameters, wanted.handle, "ceil", seen.ceil, p.ceil);
     found.burst(parameters, wanted.handle, "burst", seen.burst, p.burst, p.rate);
     found.burst(parameters, wanted.handle, "cburst", seen.cburst, p.cburst, p.ceil);
-    // An inner class has no turn of its own, and the kernel shows none.
+    // Only leaf classes take turns by prio. In a class with children the kernel makes no use of the
+    // number, and what it shows of it may be left from before the children came.
     if (!wanted.has_children) found.number(parameters, wanted.handle, "prio", seen.prio, p.prio);
 }
 
@@ -113,6 +121,7 @@ string htb_label(const tree_class &c)
 
 string htb_live_limits(const live_class &c)
 {
+    // The kernel counts bytes/s, and texts kbit/s: 125 bytes/s are 1 kbit/s.
     return rate_text(c.rate / 125) + " to " + rate_text(c.ceil / 125);
 }
 
@@ -128,6 +137,7 @@ void htb_json(const tree_class &c, json &out)
 
 // ---- HFSC: its curves ---------------------------------------------------------------------------
 
+// A curve of one slope may be given as a rate alone: ul = "8mbit".
 value<hfsc_curve> read_curve(table_reader &in, std::string_view key)
 {
     const toml::node *node = in.get(key);
@@ -149,7 +159,9 @@ value<hfsc_curve> read_curve(table_reader &in, std::string_view key)
                                          : value<hfsc_curve>::wrong(sub.at());
 }
 
-// What tc makes of a curve's umax (bytes), dmax (ms) and rate
+// What tc makes of a curve's umax (bytes), dmax (ms) and rate: a slope m1 for d us, then the slope
+// m2, which is the rate. The script gives umax, dmax and rate, the kernel tells m1, d and m2, so a
+// comparison has to repeat tc's arithmetic with its rounding.
 live_curve curve_of(const hfsc_curve &c)
 {
     const auto rate = static_cast<double>(bytes_per_second(c.rate));
@@ -158,6 +170,8 @@ live_curve curve_of(const hfsc_curve &c)
     if (c.umax == 0) return out;
     const double d = c.dmax * 1e3;
     const double m1 = d == 0 ? 0 : std::ceil(c.umax * 1e6 / d);
+    // Is umax within dmax faster than the rate? Then that is the first slope. Else the curve is
+    // flat at first, as long as umax at the rate still ends within dmax.
     if (d != 0 && m1 > rate) {
         out.m1 = static_cast<u32>(std::min(m1, 4294967295.0));
         out.d = static_cast<u32>(d);
@@ -167,7 +181,9 @@ live_curve curve_of(const hfsc_curve &c)
     return out;
 }
 
-// The same delay as tc counts it: umax * 1000000 in 32 bits
+// The flat part of a curve (d) as tc counts it when it multiplies umax * 1000000 in 32 bits: above
+// 4294 bytes the product wraps. A kernel that holds this number holds what the script gave it;
+// called a difference, it would come back after every apply.
 u32 wrapped_delay(const hfsc_curve &c)
 {
     const u64 rate = bytes_per_second(c.rate);
@@ -176,12 +192,15 @@ u32 wrapped_delay(const hfsc_curve &c)
     return c.dmax * 1000 - static_cast<u32>(product / rate);
 }
 
-// The kernel's curves are fixed-point numbers, which costs the last digits.
+// The kernel keeps a curve as fixed-point numbers and computes m1, d and m2 back from them, which
+// costs the last digits: 2, or 1 in 10,000, may be lost.
 bool near_number(u32 a, u32 b) { return std::abs(double(a) - double(b)) <= 2 + b * 1e-4; }
 
 void compare_curve(u32 handle, const char *name, const std::optional<live_curve> &seen,
                    const hfsc_curve *wanted, differences &found)
 {
+    // `tc class change` sets the curves that it names and takes none away. When a class has other
+    // curves than it should, the tree is built anew (scope::tree).
     const bool present = seen && (seen->m1 != 0 || seen->m2 != 0);
     if (present != (wanted != nullptr)) {
         found.add(difference::scope::tree, handle,
@@ -189,6 +208,7 @@ void compare_curve(u32 handle, const char *name, const std::optional<live_curve>
         return;
     }
     if (!present) return;
+    // Either way of counting the flat part is right.
     live_curve curve = curve_of(*wanted);
     if (near_number(seen->d, wrapped_delay(*wanted))) curve.d = seen->d;
     if (near_number(seen->m1, curve.m1) && near_number(seen->d, curve.d) &&
@@ -233,10 +253,12 @@ void read_hfsc(table_reader &in, policy_class &entry)
     entry.param.hfsc = {v.ul.get(), v.sc.get(), v.ls.get(), v.rt.get()};
 }
 
-// What is wrong with a curve by itself
+// What is wrong with a curve by itself. tc counts the flat part in 32 bits (wrapped_delay) and the
+// steep first slope in floating point, so a large umax is miscounted only where the rate sends umax
+// within dmax.
 void check_curve(const named_curve &c, diagnostics &found)
 {
-    constexpr u32 most_umax = 4294;  // tc counts umax * 1000000 in 32 bits
+    constexpr u32 most_umax = 4294;  // bytes; 4295 * 1000000 is more than 2^32
     const hfsc_curve &curve = c.given.get();
     if (curve.rate > most_hfsc_kbit) found.error(c.given.at(), hfsc_right());
     if (curve.umax > most_umax && curve.dmax != 0 &&
@@ -246,6 +268,8 @@ void check_curve(const named_curve &c, diagnostics &found)
                       " leave umax and dmax out");
 }
 
+// HFSC keeps the guarantees of sc and rt without a look at the ul of a class above: one that is
+// higher would break that limit. ls is no guarantee but a share of what the parent gets.
 void check_hfsc_below(const tree_class &c, const tree_class &parent, diagnostics &found)
 {
     const u32 most = parent.param.hfsc.ul.rate;
@@ -260,7 +284,9 @@ void check_hfsc_below(const tree_class &c, const tree_class &parent, diagnostics
                                rate_text(most).c_str()));
 }
 
-// Besides ul one curve is written; what else is given has no effect.
+// A class's line has ul and one of sc, ls and rt; another curve in the policy has no effect.
+// `first` is the curve that a leaf would have, `written` the one that this class has: they differ
+// when the class has children and only rt is given.
 void check_written_curves(const tree_class &c, diagnostics &found)
 {
     const hfsc_values &v = c.entry->hfsc;
@@ -291,6 +317,8 @@ void check_hfsc(const tree_class &c, const tree_class *parent, kernel_kind kerne
     if (parent != nullptr) check_hfsc_below(c, *parent, found);
     for (const named_curve &curve : curves) check_curve(curve, found);
     check_written_curves(c, found);
+    // What follows warns of what a mainline kernel, or its tc, refuses. ul is written always: a ul
+    // that is not given reaches tc as "ul rate 0kbit".
     if (kernel == kernel_kind::vendor) return;
     if (v.ul.get().rate != 0) {
         if (!v.sc.is_wrong() && !v.ls.is_wrong() && v.sc.get().rate == 0 && v.ls.get().rate == 0)
@@ -304,6 +332,8 @@ void check_hfsc(const tree_class &c, const tree_class *parent, kernel_kind kerne
             warn_of_mainline(found, given.at(), "a umax without a dmax", "give both");
 }
 
+// The kernel's names: rsc, the real-time curve (rt); fsc, the link-sharing one (ls); usc, the upper
+// limit (ul).
 void hfsc_from_kernel(live_class &seen, const attribute &options, double)
 {
     each_attribute(options.value, [&](const attribute &a) {
@@ -315,7 +345,7 @@ void hfsc_from_kernel(live_class &seen, const attribute &options, double)
     });
 }
 
-// To the kernel sc is both: the real-time curve and the share.
+// The kernel knows no sc: tc sets it as the real-time curve and as the link-sharing one.
 void compare_hfsc(const tree_class &wanted, const live_class &seen, differences &found)
 {
     const hfsc_class_param &p = wanted.param.hfsc;
@@ -332,7 +362,7 @@ u32 hfsc_share(const tree_class &c)
     return curve == nullptr ? 0 : curve->rate;
 }
 
-// The curves that are written
+// Only curves that the script writes, so that the picture shows what will hold.
 string hfsc_text(const tree_class &c)
 {
     string out = curve_text("ul", c.param.hfsc.ul);

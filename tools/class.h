@@ -17,7 +17,8 @@ namespace tool {
 struct class_kind {
     // The keys of a class's entry that belong to its kind
     void (*read)(table_reader &in, policy_class &entry);
-    // What they mean together, and beside the parent's; null: the class hangs on the root.
+    // Judges the parameters together, and beside the parent's. parent: null for a class on the
+    // root.
     void (*check)(const tree_class &c, const tree_class *parent, kernel_kind kernel,
                   diagnostics &found);
     // The kernel's options of such a class

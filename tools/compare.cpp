@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Holds a policy's tree against the kernel's: the root, the classes, the leaves, the filters. What
-// the options of one kind mean is that kind's. Pure: takes records and gives records.
+// Compares a policy's tree with the kernel's: the root, the classes, the leaves, the filters. The
+// options of one kind are compared by that kind's row. Pure: takes records and gives records.
 #include "compare.h"
 
 #include <linux/pkt_sched.h>
@@ -19,6 +19,8 @@ namespace {
 using scope = difference::scope;
 using std::string;
 
+// The script numbers a leaf 16 times its class: class 1:10 has leaf 100:. A qdisc's number is the
+// high half of its handle, hence the shift by 20 (4 + 16).
 void compare_leaf(const tree_class &c, const live_qdisc *seen, differences &found)
 {
     const leaf_kind &kind = kind_of(c.leaf);
@@ -42,6 +44,7 @@ void compare_class(const class_kind &kind, const tree_class &c, const live_tree 
         return;
     }
     const u32 parent = root_id | c.parent;
+    // HTB names the root as a parent by TC_H_ROOT; HFSC and PRIO say 1:0.
     const u32 seen_parent = seen->parent == TC_H_ROOT ? root_id : seen->parent;
     if (seen_parent != parent)
         found.add(scope::tree, c.handle,
@@ -50,7 +53,8 @@ void compare_class(const class_kind &kind, const tree_class &c, const live_tree 
     if (!c.has_children) compare_leaf(c, kernel.leaf_of(root_id | c.handle), found);
 }
 
-// Each leaf class has one filter, for the mark that is its handle.
+// Each leaf class has one filter, for the mark that is its handle. A filter too many is a
+// difference as well: it could send a leaf's packets elsewhere.
 void compare_filters(const std::vector<tree_class> &tree, const live_tree &kernel,
                      differences &found)
 {
@@ -82,6 +86,7 @@ std::vector<difference> compare(const policy_interface &iface, const live_tree &
     differences found;
     const root_kind &kind = kind_of(iface);
     if (!kind.compare(iface, kernel, found)) return found.all();
+    // Parents first, so that the first difference of a missing branch names its top.
     const std::vector<tree_class> tree = tree_of(iface);
     for (const tree_class &c : tree) compare_class(*kind.classes, c, kernel, found);
     for (const live_class &seen : kernel.classes)

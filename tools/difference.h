@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// One thing that the kernel holds otherwise than the policy says, and a list of them.
+// One thing that the kernel holds otherwise than the policy says, and the list of all of them.
 #pragma once
 
 #include <string>
@@ -13,7 +13,8 @@
 namespace tool {
 
 struct difference {
-    // What it takes to mend it: a new tree, a changed class, a changed or new leaf qdisc
+    // What mends the difference: building the whole tree anew, changing one class in place, or
+    // changing or replacing one leaf qdisc. plan.cpp makes its steps by this.
     enum class scope { tree, class_parameters, leaf } what = scope::tree;
     u32 handle = 0;    // of the class; 0: of the root
     std::string text;  // "ceil is 3mbit, not 20mbit"
@@ -38,7 +39,7 @@ public:
                 format("%s is %s, not %s", name, exact_rate(bytes_per_s).c_str(),
                        rate_text(wanted_kbit).c_str()));
     }
-    // A burst of 0 is left to tc.
+    // A wanted burst of 0 is not in the script: tc picks one, which is right whatever it is.
     void burst(scope what, u32 handle, const char *name, double seen, u32 wanted, u32 kbit)
     {
         if (wanted != 0 && !near_burst(seen, wanted, bytes_per_second(kbit)))
@@ -47,7 +48,8 @@ public:
 
     const std::vector<difference> &all() const { return all_; }
 
-    // "20mbit", and in bit/s what is no whole number of kbit/s
+    // "20mbit"; in bit/s where the rate is no whole number of kbit/s, since rounded it could look
+    // like the wanted one ("rate is 1mbit, not 1mbit").
     static std::string exact_rate(u64 bytes_per_s)
     {
         return bytes_per_s % 125 == 0 ? rate_text(bytes_per_s / 125)

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Asks the kernel for what it holds on an interface, by rtnetlink, and for its queue's length, by
-// ioctl. What the answers mean, and where a dump ends, is tc_dump.cpp's.
+// Asks the kernel for the qdiscs, classes and filters of an interface, by rtnetlink, and for the
+// length of its queue, by ioctl. tc_dump.cpp knows what the answers mean and where a dump ends.
 #include "kernel.h"
 
 #include <linux/pkt_sched.h>
@@ -23,6 +23,7 @@
 namespace tool {
 namespace {
 
+// Where /proc is not mounted, the usual number: every kernel's since 2009.
 double ticks_per_us()
 {
     const mordel::stream_guard in{std::fopen("/proc/net/psched", "re")};
@@ -33,13 +34,15 @@ double ticks_per_us()
 
 // ---- Dumps --------------------------------------------------------------------------------------
 
+// One socket for one look at an interface. It asks for one dump after another and needs no rights.
 class rtnetlink {
 public:
     explicit rtnetlink(int index)
         : fd_(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE)), index_(index)
     {}
 
-    // Everything of a kind on the interface. False, with errno, when the kernel does not answer.
+    // All messages of a type (RTM_GET…) about the interface, each handed to `each`. False, with
+    // errno, when the kernel does not answer or breaks the dump off.
     bool dump(u16 type, u32 parent, const dump_reader::receiver &each)
     {
         if (!fd_) return false;
@@ -68,10 +71,13 @@ private:
     mordel::fd_guard fd_;
     int index_;
     u32 sequence_ = 0;
+    // The kernel sends a dump in parts of at most 32 KiB. recv would cut a longer part without an
+    // error.
     char buffer_[1 << 16] = {};
 };
 
-// A request about an interface's queue length
+// Reads (SIOCGIFTXQLEN) or sets (SIOCSIFTXQLEN) the length of an interface's queue. Any socket
+// serves for the ioctl. r.ifr_name keeps a NUL: r comes zeroed and the last byte is not written.
 bool queue_request(unsigned long request, const std::string &ifname, ifreq &r)
 {
     const mordel::fd_guard fd{::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
@@ -94,6 +100,8 @@ std::optional<live_tree> read_kernel(const std::string &ifname, std::string &why
     if (queue_request(SIOCGIFTXQLEN, ifname, request))
         tree.queue_len = static_cast<u32>(request.ifr_qlen);
     rtnetlink kernel(static_cast<int>(index));
+    // Below the kernel's default qdisc nothing can be the policy's: without another root, classes
+    // and filters are not asked for.
     const bool ok = kernel.dump(RTM_GETQDISC, 0,
                                 [&](const tcmsg &head, auto rest) {
                                     tree.qdiscs.push_back(parse_qdisc(head, rest, per_us));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The table of the leaf kinds, and below each kind's name the functions that its row holds. Pure:
-// no file, no kernel, no state.
+// The table of the leaf kinds, and above it, under each kind's name, the functions that its row
+// holds. Pure: no file, no kernel, no state.
 #include "leaf.h"
 
 #include <linux/pkt_sched.h>
@@ -19,6 +19,7 @@ namespace {
 
 using std::string;
 using json = nlohmann::ordered_json;
+// What differs in a leaf is mended at the leaf; its class stays as it is.
 constexpr auto scope = difference::scope::leaf;
 
 void no_check(const leaf_qdisc &, position, diagnostics &) {}
@@ -38,7 +39,8 @@ void pfifo_from_kernel(live_qdisc &seen, const attribute &options, double)
     seen.limit = options.as<tc_fifo_qopt>().limit;
 }
 
-// A limit of 0 is left to tc.
+// Without a limit in the script the kernel takes the queue length that the interface had at that
+// moment. Nobody asked for that number, so it is not compared.
 void compare_pfifo(u32 handle, const leaf_qdisc &wanted, const live_qdisc &seen, differences &found)
 {
     if (wanted.param.pfifo.limit != 0)
@@ -70,6 +72,7 @@ void sfq_from_kernel(live_qdisc &seen, const attribute &options, double)
     seen.perturb = static_cast<u32>(options.as<tc_sfq_qopt>().perturb_period);
 }
 
+// 0 is compared too: without perturb in the script the kernel's is 0.
 void compare_sfq(u32 handle, const leaf_qdisc &wanted, const live_qdisc &seen, differences &found)
 {
     found.number(scope, handle, "perturb", seen.perturb, wanted.param.sfq.perturb);
@@ -102,7 +105,9 @@ leaf_qdisc read_red(const toml::table &table, diagnostics &found)
     return leaf;
 }
 
-// tc and the kernel count the probability and the average in fixed-point numbers of 32 bits.
+// tc doubles the probability, 0.02 divided by max - min, until it is above 1, and gives up after 31
+// times: max - min is 42,949,672 bytes at most. The kernel shifts max left by wlog bits and wants
+// the result below 2^31.
 void check_red_numbers(const red_leaf_param &red, position at, diagnostics &found)
 {
     if (red.max > red.min && 0.02 / (red.max - red.min) * 0x1p31 <= 1)
@@ -124,6 +129,8 @@ void check_red(const leaf_qdisc &leaf, position at, diagnostics &found)
         found.error(at, "a red leaf's min must be below its max; lower min or raise max");
     else if (red.max > red.limit)
         found.error(at, "a red leaf's max must not be above its limit; lower max or raise limit");
+    // tc says the same of two faults: a burst below min, and one for which no weight is small
+    // enough. They need opposite mends, so each has its own message.
     const bool short_burst = u64{red.burst} * red.avpkt < red.min;
     if (!short_burst && red_wlog(red) == 0)
         found.error(at, "tc finds no averaging constant for a red leaf's burst; lower it");
@@ -145,7 +152,8 @@ void red_from_kernel(live_qdisc &seen, const attribute &options, double)
     });
 }
 
-// Of burst and avpkt the kernel tells what they come to: the weight of the average.
+// The kernel keeps neither burst nor avpkt. tc makes one number of the two, the weight of the
+// average queue (red_wlog), and that is compared.
 void compare_red(u32 handle, const leaf_qdisc &wanted, const live_qdisc &seen, differences &found)
 {
     const red_leaf_param &red = wanted.param.red;
@@ -190,7 +198,8 @@ leaf_qdisc read_tbf(const toml::table &table, diagnostics &found)
     return leaf;
 }
 
-// What may wait: a latency's worth of bytes besides the burst
+// What may wait, in bytes: what the rate sends during the latency, and the burst. tc gives the
+// kernel this limit in place of the latency.
 double tbf_limit(const tbf_leaf_param &tbf)
 {
     return static_cast<double>(bytes_per_second(tbf.rate)) * tbf.latency / 1e3 + tbf.burst;
@@ -204,11 +213,13 @@ void check_tbf(const leaf_qdisc &leaf, position at, diagnostics &found)
     else if (tbf_limit(tbf) > 4294967295.0)
         found.error(at, "a tbf leaf's latency at its rate comes to more than 4 GiB, which tc"
                         " cannot say; lower latency");
+    // 4294967 ms is the last whole number of milliseconds in 2^32 us.
     else if (tbf.latency > 0xffffffff / 1000)
         found.error(at, "tc counts a tbf leaf's latency in microseconds of 32 bits; lower it to"
                         " 4294967ms or less");
     else if (takes_too_long(tbf.burst, tbf.rate))
         found.error(at, burst_right);
+    // 1514: the longest usual Ethernet frame, 14 bytes of header and 1500 of packet.
     else if (tbf.burst < 1514)
         found.warning(at, "a tbf leaf drops packets longer than its burst; give 1514b or more");
 }
@@ -221,6 +232,7 @@ void tbf_from_kernel(live_qdisc &seen, const attribute &options, double ticks_pe
         if (a.type == TCA_TBF_PARMS) opt = a.as<tc_tbf_qopt>();
         if (a.type == TCA_TBF_RATE64) rate64 = a.as<u64>();
     });
+    // The kernel sends the rate of 64 bits only from 2^32 bytes/s on; the field of 32 is full then.
     seen.rate = rate64 != 0 ? rate64 : opt.rate.rate;
     seen.limit = opt.limit;
     seen.burst = bytes_of_ticks(opt.buffer, seen.rate, ticks_per_us);
@@ -232,6 +244,8 @@ void compare_tbf(u32 handle, const leaf_qdisc &wanted, const live_qdisc &seen, d
     found.rate(scope, handle, "tbf rate", seen.rate, tbf.rate);
     found.burst(scope, handle, "tbf burst", seen.burst, tbf.burst, tbf.rate);
     const double limit = tbf_limit(tbf);
+    // tc counts the limit in floating point and cuts the fraction off: 1 byte, and a millionth for
+    // the rounding before.
     if (std::abs(limit - seen.limit) > 1 + limit * 1e-6)
         found.add(scope, handle, format("tbf limit is %ub, not %.0fb", seen.limit, limit));
 }
@@ -258,7 +272,7 @@ json tbf_json(const leaf_qdisc &leaf)
 constexpr leaf_kind kinds[] = {
     {L_pfifo, "pfifo", true,
      read_pfifo, no_check, pfifo_from_kernel, compare_pfifo, pfifo_text, pfifo_json},
-    {L_SFQ, "sfq", false,  // the kernel refuses to change one
+    {L_SFQ, "sfq", false,  // the kernel changes no SFQ: it is removed and added
      read_sfq, no_check, sfq_from_kernel, compare_sfq, sfq_text, sfq_json},
     {L_RED, "red", true,
      read_red, check_red, red_from_kernel, compare_red, red_text, red_json},
@@ -297,6 +311,7 @@ value<leaf_qdisc> read_leaf(const toml::table &table, diagnostics &found)
                        [](const leaf_kind &kind) { return kind.name; });
         return all;
     }();
+    // A kind's read tells of a fault by reporting it: more errors than before make the leaf wrong.
     const std::size_t before = found.errors();
     table_reader in(table, "a leaf", found);
     if (!in.has("type")) in.missing("type", joined(names));
@@ -311,6 +326,8 @@ value<leaf_qdisc> read_leaf(const toml::table &table, diagnostics &found)
 
 u32 red_wlog(const red_leaf_param &red)
 {
+    // The search that tc makes, step by step: from 1/2 down to 1/2^31, the first weight under which
+    // the average stays below min while a burst arrives. `room` below 1 is a burst below min.
     const double room = double(red.burst) + 1 - double(red.min) / red.avpkt;
     for (u32 n = 1; n <= 31 && room >= 1; ++n) {
         const double weight = std::ldexp(1.0, -static_cast<int>(n));

@@ -21,7 +21,7 @@ struct leaf_kind {
     bool changeable;        // the kernel changes its options in place
     // A table { type = …, … } of this type
     leaf_qdisc (*read)(const toml::table &table, diagnostics &found);
-    // What they mean together; at: of the table
+    // Judges the parameters together; at: the place of the table
     void (*check)(const leaf_qdisc &leaf, position at, diagnostics &found);
     // The kernel's options of such a qdisc
     void (*from_kernel)(live_qdisc &seen, const attribute &options, double ticks_per_us);

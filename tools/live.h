@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// What the kernel holds on an interface, as records: exact numbers, where the texts of tc are
-// rounded.
+// What the kernel holds on an interface, as records. The numbers are exact, unlike those in the
+// output of tc, which rounds. tc_dump.cpp fills the records.
 #pragma once
 
 #include <optional>
@@ -11,7 +11,7 @@
 
 namespace tool {
 
-inline constexpr u32 root_id = 0x10000;  // 1:0, which the classes' numbers are added to
+inline constexpr u32 root_id = 0x10000;  // 1:0; class 1:10 is root_id | 0x10
 
 struct live_stats {
     u64 bytes = 0;
@@ -21,6 +21,7 @@ struct live_stats {
     u32 waiting = 0;  // packets that wait
 };
 
+// A slope m1 for d us, then the slope m2
 struct live_curve {
     u32 m1 = 0;  // bytes/s
     u32 d = 0;   // us
@@ -57,11 +58,11 @@ struct live_qdisc {
     live_stats stats;
 };
 
-// A filter on the root qdisc
+// A filter on the root qdisc: packets with the mark go to the class.
 struct live_filter {
     u32 mark = 0;
     u32 id = 0;          // of the class
-    bool plain = false;  // fw, for IP, of the scripts' priority, and nothing but mark and class
+    bool plain = false;  // as the scripts add filters, with nothing besides (parse_filter)
 };
 
 struct live_tree {
@@ -70,7 +71,9 @@ struct live_tree {
     std::vector<live_filter> filters;
     u32 queue_len = 0;  // of the interface, packets
 
-    const live_qdisc *root() const;  // that somebody put there; null: the kernel's default
+    // The root qdisc that somebody has added; null while the kernel's default one is there.
+    const live_qdisc *root() const;
+    // The qdisc that hangs on a class, and the class; null when there is none. id: live_class.id.
     const live_qdisc *leaf_of(u32 id) const;
     const live_class *find(u32 id) const;
 };

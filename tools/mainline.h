@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Which kernel a policy is for: a mainline one knows less than a router's own.
+// Which kernel a policy is for. A mainline kernel lacks some matches, targets and HFSC forms that
+// the kernels of router vendors have; the library writes all of them.
 #pragma once
 
 #include "diagnostics.h"

@@ -35,7 +35,7 @@ std::optional<range> parse_range(string_view text)
     return out;
 }
 
-// A number, or two
+// A number, which stands for a range of one, or a text "FIRST:LAST"
 std::optional<range> read_range(table_reader &in, string_view key, u32 least, u32 most)
 {
     const toml::node *node = in.get(key);
@@ -65,14 +65,16 @@ string range_text(u32 first, u32 last)
     return first == last ? format("%u", first) : format("%u:%u", first, last);
 }
 
-// A text in a char array, the rest of which is zeros; the caller has seen that it fits.
+// Puts a text into a char array whose other bytes are zeros. The caller has checked that the text
+// fits: a longer one would be cut here without a word.
 template <std::size_t N>
 void store(char (&field)[N], const string &text)
 {
     std::memcpy(field, text.data(), std::min(text.size(), N - 1));
 }
 
-// A field of the library need not have a NUL.
+// The text of a char array. The library reads such a field to its end when it has no NUL, and so
+// does this.
 template <std::size_t N>
 string stored(const char (&field)[N])
 {
@@ -81,6 +83,7 @@ string stored(const char (&field)[N])
 
 // ---- Protocol, ports, TCP flags -----------------------------------------------------------------
 
+// Bits by the ids of the library's table
 u8 read_flags(table_reader &in, string_view key)
 {
     u8 flags = 0;
@@ -102,15 +105,19 @@ void read_tcp_flags(table_reader &in, qos_match &m)
     const std::size_t before = in.found().errors();
     m.tcp_flag_mask = read_flags(sub, "mask");
     m.tcp_flag_comp = read_flags(sub, "set");
+    // The library writes --tcp-flags only when both lists have a flag. Left out, the rule would
+    // pick far more packets than the policy says.
     for (const string_view key : {string_view("mask"), string_view("set")})
         if (const auto *list = sub.get(key)->as_array(); list != nullptr && list->empty())
             sub.wrong(key, "without a flag the library writes no match; name one");
+    // Only when both lists were read: a mask with a wrong name in it looks too short.
     if ((m.tcp_flag_comp & ~m.tcp_flag_mask) != 0 && in.found().errors() == before)
         in.found().error(sub.at("set"), "set names flags that mask does not, so no packet matches;"
                                         " add them to mask");
 }
 
-// Ports take a protocol that has them, and TCP flags take TCP.
+// Ports take a protocol that has ports, and TCP flags take TCP. Behind another protocol the library
+// leaves them out, and the rule would pick far more packets than the policy says.
 void check_protocol(table_reader &in, const value<u32> &protocol)
 {
     const bool tcp = protocol.is_good() &&
@@ -129,6 +136,7 @@ constexpr string_view protocol_keys[] = {"protocol", "sport", "dport", "tcp_flag
 void read_protocol(table_reader &in, qos_match &m)
 {
     const value<u32> protocol = in.word("protocol", protocol_names);
+    // What belongs beside a wrong protocol is not known: nothing is said of ports and flags.
     if (protocol.is_wrong()) return;
     if (protocol.is_good()) m.flags |= 1U << mordel::QF_PROTOCOL;
     m.protocol = protocol.get();
@@ -147,6 +155,7 @@ void read_protocol(table_reader &in, qos_match &m)
 string protocol_text(const qos_match &m)
 {
     string out(protocol_texts[m.protocol]);
+    // A range that begins with 0 is none, to the library too.
     if (m.sport_start != 0) out += " sport " + range_text(m.sport_start, m.sport_end);
     if (m.dport_start != 0) out += " dport " + range_text(m.dport_start, m.dport_end);
     if (m.tcp_flag_mask != 0)
@@ -157,7 +166,7 @@ string protocol_text(const qos_match &m)
 
 // ---- Addresses ----------------------------------------------------------------------------------
 
-// "A", "A/BITS" or "A-B"
+// "A", "A/BITS" or "A-B". In host byte order, so that the ends of a range compare as numbers.
 std::optional<range> parse_addresses(const string &text)
 {
     if (const std::size_t dash = text.find('-'); dash != string::npos) {
@@ -172,6 +181,8 @@ std::optional<range> parse_addresses(const string &text)
     const char *end = text.data() + text.size();
     const auto [behind, error] = std::from_chars(text.data() + slash + 1, end, bits);
     if (error != std::errc{} || behind != end || bits > 32) return std::nullopt;
+    // The host's part of the address. With 0 bits the shift would be by 32, which C++ leaves
+    // undefined.
     const u32 host = bits == 0 ? no_limit : (u32{1} << (32 - bits)) - 1;
     return range{*ip & ~host, *ip | host};
 }
@@ -182,6 +193,7 @@ std::optional<range> read_addresses(table_reader &in, string_view key)
     const value<string> text = in.text(key, right);
     if (!text.is_good()) return std::nullopt;
     const auto out = parse_addresses(text.get());
+    // The library takes a first address of 0 for no range: such a rule would pick every address.
     if (!out) {
         in.wrong(key, right);
     } else if (out->first > out->last) {
@@ -232,6 +244,8 @@ void read_mac(table_reader &in, qos_match &m)
 {
     const value<string> mac = in.text("mac", "it is a text like \"00:11:22:33:44:55\"");
     if (!mac.is_good()) return;
+    // Set before the text is judged: what a mainline kernel refuses is told beside a wrong text,
+    // and both are mended at once. So for domain and URL below.
     m.flags |= 1U << mordel::QF_MAC;
     if (is_mac(mac.get()))
         store(m.src_mac, mac.get());
@@ -246,11 +260,12 @@ string mac_text(const qos_match &m) { return "mac " + stored(m.src_mac); }
 constexpr string_view dscp_keys[] = {"dscp"};
 
 struct dscp {
-    u32 mode;
-    u32 value;
+    u32 mode;   // dscp_number or dscp_class
+    u32 value;  // the number; of a class its id in the library's table
 };
 
-// A number or the name of a class
+// A number or the name of a class. The library keeps which of the two it is (the mode), since
+// iptables has an option for each.
 std::optional<dscp> read_dscp_value(table_reader &in)
 {
     const toml::node *node = in.get("dscp");
@@ -296,6 +311,7 @@ struct tos {
     u8 precedence;
 };
 
+// precedence belongs to tos: the library has one bit for the pair and writes both or none.
 std::optional<tos> read_tos_value(table_reader &in)
 {
     const value<u32> precedence = in.number("precedence", 0, 7);
@@ -348,6 +364,7 @@ void read_length(table_reader &in, qos_match &m)
     const auto r = read_range(in, "length", 0, 65535);
     if (!r) return;
     m.flags |= 1U << mordel::QF_PKTLEN;
+    // The library keeps both ends in one number: the lower one in the high half.
     m.pkt_len = r->first << 16 | r->last;
 }
 
@@ -362,6 +379,7 @@ void read_vlan_id(table_reader &in, qos_match &m)
 {
     const value<u32> id = in.number("vlan_id", 0, 4095);
     if (!id.is_good()) return;
+    // The bit is the one under which the script says --vlan-id (names.h).
     m.flags |= 1U << match_vlan_id;
     m.vlan_id = static_cast<u16>(id.get());
 }
@@ -389,6 +407,8 @@ void read_domain(table_reader &in, qos_match &m)
     const value<string> domain = in.text("domain", right);
     if (!domain.is_good()) return;
     m.flags |= 1U << mordel::QF_DOMAIN;
+    // A script names domain and URL without quotes. A character that a shell knows would make a
+    // command of the text.
     if (safe_domain(domain.get()) && domain.get().size() < sizeof m.domain)
         store(m.domain, domain.get());
     else
@@ -420,6 +440,7 @@ refusal nothing_refused(const qos_target &) { return {nullptr, nullptr}; }
 
 constexpr string_view mark_keys[] = {"mark"};
 
+// Whether a leaf class has this handle, check_mark says when all classes are read.
 void read_mark(table_reader &in, qos_target &t)
 {
     const value<u32> mark = in.number("mark", 0, 65535);
@@ -447,7 +468,9 @@ void read_dscp_target(table_reader &in, qos_target &t)
 {
     const auto dscp = read_dscp_value(in);
     if (!dscp) return;
-    // One pair of fields serves both targets.
+    // The library keeps both targets in one pair of fields, `kind` and `value`: the TOS id or the
+    // DSCP mode, the precedence or the DSCP number. Both targets together are possible only where
+    // the fields happen to agree. TOS is read before DSCP, by the order of `targets`.
     if (has(t.flags, mordel::target_tos) &&
         (t.kind != 0 || dscp->mode != dscp_number || dscp->value != t.value.raw))
         in.found().error(in.at("dscp"), "tos and dscp in one target share their storage; make two"
@@ -495,6 +518,8 @@ string mkvlan_text(const qos_target &t)
 
 constexpr string_view log_keys[] = {"log"};
 
+// The library keeps the flag and writes no command for it, whichever the kernel: so the warning
+// stands here and not among those for mainline kernels.
 void read_log(table_reader &in, qos_target &t)
 {
     if (!in.flag("log").get()) return;
@@ -526,6 +551,7 @@ constexpr match_kind matches[] = {
     {mordel::QF_URL, url_keys, read_url, {"a URL match", "match addresses"}, url_text},
 };
 
+// tos stands before dscp: read_dscp_target looks for what read_tos_target has stored.
 constexpr target_kind targets[] = {
     {mordel::target_mark, mark_keys, read_mark, nothing_refused, mark_text},
     {mordel::target_tos, tos_keys, read_tos_target, tos_refused, tos_target_text},
@@ -535,13 +561,16 @@ constexpr target_kind targets[] = {
 };
 // clang-format on
 
-// In the order in which messages list them
+// All keys of a match and of a target, in the order in which messages list them: not that of the
+// rows, and schedule has no row.
 constexpr string_view match_keys[] = {
     "protocol",   "sport",  "dport", "tcp_flags", "src",       "dst",    "mac", "dscp",    "tos",
     "precedence", "length", "alg",   "vlan_id",   "vlan_prio", "domain", "url", "schedule"};
 constexpr string_view target_keys[] = {"mark", "tos", "precedence", "dscp", "mkvlan", "log"};
 
-// Whether each bit below `bits` has one row, and each key of the rows is listed.
+// Whether each bit below `bits` has one row, and each key of the rows is listed. A kind without a
+// row would be refused in policies and missing in reports; a key that is not listed would be
+// refused as unknown though a row reads it.
 template <typename Rows, typename Keys>
 constexpr bool are_whole(const Rows &rows, u32 bits, const Keys &keys)
 {
@@ -597,6 +626,7 @@ void read_target(const toml::table &table, policy_rule &rule, diagnostics &found
     if (in.empty()) found.error(in.at(), "an empty target; give mark, tos, dscp, mkvlan or log");
 }
 
+// Goes by the flags in the record, not by the keys in the file: what the script will say counts.
 void warn_of_kinds(const policy_rule &rule, diagnostics &found)
 {
     const auto warn = [&](const refusal &refused, position at) {
@@ -612,6 +642,7 @@ void warn_of_kinds(const policy_rule &rule, diagnostics &found)
 string match_text(const qos_match &match)
 {
     string out = texts(matches, match);
+    // A schedule has no flag and so no row; index 0 is none.
     if (match.sched_index != 0)
         out += (out.empty() ? "" : ", ") + format("schedule %d", match.sched_index);
     return out.empty() ? "everything" : out;

@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: MIT
-// Lookups in the library's id/text tables, for whom the table's end is no word. Owns nothing.
+// Lookups in the library's id/text tables. Each table ends with a row of id -1, "Unknown", which is
+// no word of a policy. Owns nothing.
 #include "names.h"
 
 namespace tool {
 
+// By the library's comparison, which folds ASCII letters alone whatever the locale: in a Turkish
+// one "I" and "i" are no pair.
 bool same_word(std::string_view a, std::string_view b)
 {
     return strCmpNoCase(std::string(a).c_str(), std::string(b).c_str()) == 0;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The words that policies and reports have for the library's numbers: its own tables, and what
-// those leave out.
+// The words that policies and reports have for the library's numbers: lookups in the library's
+// tables, and the words for which the library has no table.
 #pragma once
 
 #include <optional>
@@ -23,13 +23,15 @@ static_assert(std::size(protocol_texts) == mordel::protocols);
 // qos_match.dscp_mode, and qos_target.kind of a DSCP target
 enum { dscp_number, dscp_class };
 
-// Bits of qos_match.flags. The script says --vlan-id for the first and --vlan-prio for the second,
-// whatever their names in the library; a policy means what the script says.
+// Bits of qos_match.flags, crossed on purpose. The script says --vlan-id for the bit that the
+// library names after 802.1p and --vlan-prio for the one named after 802.1q; a policy means what
+// the script says.
 enum { match_vlan_id = mordel::QF_802_1P, match_vlan_prio = mordel::QF_802_1Q };
 
 constexpr bool has(u32 flags, u32 bit) { return (flags >> bit & 1) != 0; }
 
-// The texts of one of the library's tables, and the id of one of them, in either case.
+// All texts of one of the library's tables; and the id of a text, in either case, none when the
+// table has no such text.
 std::vector<std::string_view> texts_of(const txt_map *map);
 std::optional<u32> id_in(const txt_map *map, std::string_view word);
 

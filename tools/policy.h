@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// A policy as it was read from its file: the library's records, and where in the file they come
-// from. Nothing here touches the library's state or the kernel.
+// A policy as it was read from its file: the library's records, and for each value its place in the
+// file, which messages name. Nothing here touches the library's state or the kernel.
 #pragma once
 
 #include <array>
@@ -41,7 +41,7 @@ struct policy_class {
     bool placed() const { return handle.is_good() && parent.is_good(); }
 };
 
-// A class as the kernel will have it
+// A class as the kernel will have it: an entry, or one that comes by itself
 struct tree_class {
     u32 handle = 0;
     u32 parent = 0;
@@ -59,7 +59,8 @@ struct policy_rule {
     value<u32> schedule;  // its index
     qos_match match{};
     qos_target target{};
-    // By the flag's bit: where the first key of a kind stands; the entry's where it does not.
+    // By the bit of the kind's flag: where the kind's first key stands. Without that key it is the
+    // place of the match or target table.
     std::array<position, mordel::match_kinds> match_at;
     std::array<position, mordel::target_kinds> target_at;
 };
@@ -69,7 +70,7 @@ struct policy_interface {
     std::string name;
     position name_at;
     u32 root_type = R_HTB;
-    bool known = false;  // its root type could be read; without that nothing else is
+    bool known = false;  // root could be read; else only name and speeds are
     u32 speeds[4] = {};  // link_tx, link_rx, phy_tx, phy_rx: kbit/s
     value<u32> link_tx;
     value<u32> phy_tx;
@@ -77,7 +78,7 @@ struct policy_interface {
     bool default_tree = false;           // HTB, HFSC
     value<u32> default_class;            // HTB, HFSC; 0: none
     std::array<value<u32>, 8> automark;  // absent without automark
-    bool handles_known = true;           // those of all classes could be read
+    bool handles_known = true;           // every entry's handle could be read
     std::vector<tree_class> built_in;    // what comes by itself, in the order of the library's tree
     std::vector<policy_class> classes;   // the entries, in the order of the file
     std::vector<policy_rule> rules;      // likewise

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
-// The second half of reading a policy: what values mean together, and what the kernel will say.
-// Pure: takes records. What concerns one kind of root, class, leaf, match or target is that kind's.
+// The second half of reading a policy: judges values together, as the library, tc and the kernel
+// will. Pure: takes records. What concerns one kind of root, class, leaf, match or target stands
+// with that kind.
 #include <set>
 
 #include "leaf.h"
@@ -16,6 +17,8 @@ namespace {
 
 using std::string;
 
+// Checks one interface. Reports every fault, and none that only follows from another: a value that
+// is wrong has been reported, so whoever needs it good stays silent.
 class interface_checker {
 public:
     interface_checker(const policy &p, const policy_interface &iface, kernel_kind kernel,
@@ -33,6 +36,7 @@ public:
         kind_.check(iface_, classes_, found_);
         check_order();
         for (const tree_class &c : classes_)
+            // A class that comes by itself and has no entry says nothing that could be wrong.
             if (c.entry != nullptr) check_class(c);
         check_automark();
         std::set<u32> indexes;
@@ -45,7 +49,9 @@ public:
     }
 
 private:
-    // Handles are unique, and parents stand before their children.
+    // Handles are unique, and parents stand before their children: the library refuses a class
+    // whose parent it does not know yet. The classes that come by themselves are `known` from the
+    // start but not `entered`, since each may have one entry.
     void check_order()
     {
         std::set<u32> known;
@@ -69,6 +75,7 @@ private:
         const u32 handle = c.handle.get();
         const u32 parent = c.parent.get();
         const position at = c.parent.at();
+        // The script writes class 1 below the root qdisc whatever its parent is.
         if (handle == 1 && parent != 0) {
             found_.error(at, "class 1 always hangs on the root; leave out parent");
             return;
@@ -96,17 +103,23 @@ private:
                                 c.handle));
         if (entry.leaf.is_good())
             kind_of(entry.leaf.get()).check(entry.leaf.get(), entry.leaf.at(), found_);
+        // Such an entry gives a name and a leaf, no parameters.
         if (entry.existing) return;
+        // check_parent has reported a class below itself. Held against itself it would be reported
+        // twice.
         const tree_class *parent = c.parent == c.handle ? nullptr : find_class(classes_, c.parent);
         kind_.classes->check(c, parent, kernel_, found_);
     }
 
+    // A mark of 0 is none; an absent or a wrong one reads as 0 too.
     void check_automark()
     {
         for (const value<u32> &mark : iface_.automark)
             if (mark.get() != 0) check_mark(mark.get(), mark.at());
     }
 
+    // Only leaf classes have a filter. A packet with the mark of another class would go where
+    // packets without a mark go, and no command would fail.
     void check_mark(u32 mark, position at)
     {
         if (kind_.classes == nullptr) {
@@ -119,7 +132,8 @@ private:
                                     listed_leaves(classes_).c_str()));
     }
 
-    // Known to be none: it may be that of a class whose handle could not be read.
+    // Whether the handle is certainly that of no leaf class. While some entry's handle could not be
+    // read, a handle that no class has may be meant for that entry.
     bool is_no_leaf(u32 handle) const
     {
         const tree_class *c = find_class(classes_, handle);
@@ -132,6 +146,7 @@ private:
             check_mark(rule.target.mark, rule.target_at[mordel::target_mark]);
         const qos_sched *schedule = nullptr;
         if (rule.schedule.is_good()) schedule = check_schedule(rule.schedule);
+        // What follows warns of what a mainline kernel refuses.
         if (kernel_ == kernel_kind::vendor) return;
         if (schedule != nullptr && schedule->days != 0)
             warn_of_mainline(found_, rule.schedule.at(), "the days of a schedule",
@@ -139,7 +154,7 @@ private:
         warn_of_kinds(rule, found_);
     }
 
-    // The schedule that a rule names; null, after a word, when there is none.
+    // The schedule that a rule names; null, and an error, when there is none.
     const qos_sched *check_schedule(const value<u32> &index)
     {
         const qos_sched *named = nullptr;
@@ -166,6 +181,7 @@ void check_policy(const policy &p, kernel_kind kernel, diagnostics &found)
 {
     std::set<u8> indexes;
     for (const policy_schedule &s : p.schedules)
+        // Index 0: it was missing or wrong, which is reported.
         if (s.sched.index != 0 && !indexes.insert(s.sched.index).second)
             found.error(
                 s.at, format("a second schedule with index %d; give each its own", s.sched.index));
@@ -174,10 +190,13 @@ void check_policy(const policy &p, kernel_kind kernel, diagnostics &found)
         if (!iface.name.empty() && !names.insert(iface.name).second)
             found.error(iface.at,
                         "a second interface named " + quoted(iface.name) + "; give each one entry");
+        // Chains are QOS_NAME for the rules and QOS_NAME_AUTO for automark: the rules of "x_AUTO"
+        // would stand in the automark chain of "x".
         const std::string_view suffix = mordel::automark_suffix;
         if (iface.name.size() > suffix.size() && iface.name.ends_with(suffix))
             found.error(iface.name_at, "the chain of such an interface is the automark chain of one"
                                        " named without _AUTO; rename it");
+        // Without the root's kind no key was read that could be judged.
         if (iface.known) interface_checker(p, iface, kernel, found).check();
     }
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The first half of reading a policy: from the file's text to records. Every value is held against
-// what it may be; what values mean together is policy_check.cpp's. Pure: takes a text.
+// The first half of reading a policy: makes records of the file's text. Judges each value by
+// itself; policy_check.cpp judges values together. Pure: takes a text.
 #include "policy_read.h"
 
 #include <algorithm>
@@ -27,6 +27,7 @@ struct time_of_day {
     u8 minute;
 };
 
+// Minutes have two digits: "8:5" could mean 8:05 or 8:50.
 std::optional<time_of_day> parse_time_of_day(const string &text)
 {
     unsigned hour = 0;
@@ -51,6 +52,7 @@ std::optional<time_of_day> read_time(table_reader &in, string_view key)
     return time;
 }
 
+// Bits by the ids of the library's table. No day at all means every day.
 u8 read_days(table_reader &in)
 {
     u8 days = 0;
@@ -74,6 +76,8 @@ void read_hours(table_reader &in, qos_sched &s)
     s.start_min = start->minute;
     s.stop_hour = stop->hour;
     s.stop_min = stop->minute;
+    // add_sched keeps no minute and no stop. No command fails for that, so the policy's author
+    // learns of it here or never.
     if (start->minute != 0 || stop->hour != 0 || stop->minute != 0)
         in.found().warning(in.at("start"),
                            format("the library keeps the hour of start alone: the scripts will say"
@@ -87,10 +91,12 @@ policy_schedule read_schedule(const toml::table &table, diagnostics &found)
     policy_schedule out;
     out.at = in.at();
     qos_sched &s = out.sched;
+    // From 1: a rule whose sched_index is 0 has no schedule.
     in.must({"index"}, "a number from 1 to 255");
     s.index = static_cast<u8>(in.number("index", 1, 255).get());
     s.days = read_days(in);
     const value<bool> all_day = in.flag("all_day");
+    // Whether times belong beside a wrong all_day is not known: nothing is said of them.
     if (all_day.is_wrong()) return out;
     s.all_day = all_day.get() ? 1 : 0;
     if (s.all_day == 0) {
@@ -109,12 +115,14 @@ value<string> read_class_name(table_reader &in)
 {
     value<string> name = in.text("name", "it is a text");
     const string &text = name.get();
+    // quoted() adds two quotes, and more only where a character has to be escaped.
     if (text.size() <= 31 && quoted(text).size() == text.size() + 2) return name;
     in.wrong("name", "it is at most 31 printable characters, without quotes and backslashes");
     return value<string>::wrong(name.at());
 }
 
-// Whether the class is there without an entry
+// Whether the class is there without an entry. On PRIO each counts as such: its classes are its
+// bands, and check_prio reports a handle that is no band.
 bool comes_by_itself(const policy_interface &iface, u32 handle)
 {
     return !kind_of(iface).takes_classes ||
@@ -130,6 +138,7 @@ policy_class read_class(const toml::table &table, const policy_interface &iface,
     in.must({"handle"}, "a number from 1 to 0xfff");
     c.handle = in.handle("handle", 1);
     c.parent = in.handle("parent", 0);
+    // The script puts class 1 on the root wherever the policy hangs it.
     c.parent.default_to(c.handle.get() == 1 ? 0 : 1);
     c.name = read_class_name(in);
     c.existing = comes_by_itself(iface, c.handle.get());
@@ -169,6 +178,8 @@ void read_name(table_reader &in, policy_interface &iface)
     if (!name.is_good()) return;
     iface.name = name.get();
     iface.name_at = name.at();
+    // The scripts name the interface without quotes: in a shell's hands a space or a semicolon
+    // would make a second word or a second command of the name.
     if (!safe_name(iface.name))
         in.wrong("name",
                  "it goes into a script as it is: 1 to 15 letters, digits and . _ -, no dash"
@@ -181,6 +192,8 @@ void read_speeds(table_reader &in, policy_interface &iface)
 {
     iface.link_tx = in.rate("link_tx");
     iface.phy_tx = in.rate("phy_tx");
+    // In the order that add_root_qdisc takes. The two that the default tree is made with are kept
+    // with their places too, for check_speeds.
     iface.speeds[0] = iface.link_tx.get();
     iface.speeds[1] = in.rate("link_rx").get();
     iface.speeds[2] = iface.phy_tx.get();
@@ -196,10 +209,12 @@ policy_interface read_interface(const toml::table &table, diagnostics &found)
     read_speeds(in, iface);
     in.must({"root"}, joined(root_names()));
     const value<u32> root = in.word("root", root_names());
-    if (!root.is_good()) return iface;  // what the rest should be is not known
+    // Without the root's kind nobody can say which keys are right.
+    if (!root.is_good()) return iface;
     iface.root_type = root.get();
     iface.known = true;
     const root_kind &kind = kind_of(iface);
+    // Before the classes: read_class asks which of them come by themselves.
     kind.read(in, iface);
     if (kind.classes != nullptr)
         in.each_table("class", "interface.", [&](const toml::table &one) {
@@ -225,6 +240,7 @@ policy parse_policy(string_view text, diagnostics &found)
     in.each_table("interface", "", [&](const toml::table &one) {
         p.interfaces.push_back(read_interface(one, found));
     });
+    // An empty file is good TOML. Applied it would change nothing and look like success.
     if (p.interfaces.empty() && !found.failed())
         found.error(in.at("interface"),
                     "a policy without an interface; add one that begins with [[interface]]");

@@ -14,7 +14,8 @@ namespace tool {
 // nothing of it is an error.
 policy read_policy(std::string_view text, kernel_kind kernel, diagnostics &found);
 
-// What the two halves of read_policy are: what a value may be, and what values mean together.
+// The two halves of read_policy: parse_policy judges each value by itself, check_policy judges
+// values together.
 policy parse_policy(std::string_view text, diagnostics &found);
 void check_policy(const policy &p, kernel_kind kernel, diagnostics &found);
 

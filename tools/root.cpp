@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The table of the root kinds, and below each kind's name the functions that its row holds. Pure:
-// no file, no kernel, no state.
+// The table of the root kinds, and above it, under each kind's name, the functions that its row
+// holds. Pure: no file, no kernel, no state.
 #include "root.h"
 
 #include <linux/pkt_sched.h>
@@ -19,10 +19,13 @@ namespace {
 using std::string;
 using std::vector;
 using json = nlohmann::ordered_json;
+// A root that differs is mended by a new tree: nothing below a root survives its removal.
 constexpr auto scope = difference::scope::tree;
 
 // ---- What several of them share -----------------------------------------------------------------
 
+// An array alone means enabled. The marks are kept with their places as well, since check_mark asks
+// later whether each is a leaf class.
 void read_automark(table_reader &in, policy_interface &iface, automark_value &out)
 {
     const string right = "it is an array of eight marks, or { enable = true, marks = [...] }";
@@ -52,7 +55,9 @@ void read_automark(table_reader &in, policy_interface &iface, automark_value &ou
     }
 }
 
-// False, with what differs, when another root qdisc is there
+// Whether the root qdisc is of the wanted kind and numbered 1:0, under which the scripts put all
+// classes; else false, with the difference. Without a root of the policy's kind, comparing the
+// classes below would only repeat "is not there" for each.
 bool is_the_root(const policy_interface &wanted, const live_tree &seen, differences &found)
 {
     const string kind(kind_of(wanted).name);
@@ -79,7 +84,10 @@ void read_classful(table_reader &in, policy_interface &iface)
     iface.default_class = in.handle("default", 0);
     if (iface.default_tree) {
         in.must({"phy_tx", "link_tx"}, "a rate, since the default tree is made with it");
+        // speeds: link_tx is the first, phy_tx the third.
         iface.built_in = default_tree(iface.root_type, iface.speeds[0], iface.speeds[2]);
+        // Class 3 of the default tree, at link_tx: what no rule picks is held to the line's speed.
+        // Class 2 would let it send at the port's.
         iface.default_class.default_to(3);
     } else if (iface.default_class.is_absent()) {
         in.missing("default", "the handle of the class for what no rule picks");
@@ -102,7 +110,8 @@ void read_hfsc(table_reader &in, policy_interface &iface)
     read_classful(in, iface);
 }
 
-// The default tree is made with both speeds.
+// The default tree is made with both speeds: its class 1 has phy_tx, its class 3 below it link_tx.
+// The policy does not write these classes, so what tc would refuse of them is told at the speeds.
 void check_speeds(const policy_interface &iface, diagnostics &found)
 {
     if (!iface.default_tree) return;
@@ -117,6 +126,7 @@ void check_speeds(const policy_interface &iface, diagnostics &found)
                                           key));
     const u32 link = iface.link_tx.get();
     const u32 phy = iface.phy_tx.get();
+    // Class 3 hangs on class 1: a rate above its parent's limit would break that limit.
     if (link > phy && phy != 0)
         found.error(iface.link_tx.at(),
                     format("link_tx, %s, is above phy_tx, %s, which holds the whole tree; lower"
@@ -124,7 +134,8 @@ void check_speeds(const policy_interface &iface, diagnostics &found)
                            rate_text(link).c_str(), rate_text(phy).c_str()));
 }
 
-// A default class of 0 is none.
+// Handle 0 asks for no default class. A class with children holds no packets: as a default it would
+// be as good as none, HTB sending unshaped and HFSC dropping what no rule picks.
 void check_default(const policy_interface &iface, const vector<tree_class> &tree,
                    diagnostics &found)
 {
@@ -145,6 +156,7 @@ void check_htb(const policy_interface &iface, const vector<tree_class> &tree, di
 void check_hfsc(const policy_interface &iface, const vector<tree_class> &tree, diagnostics &found)
 {
     if (iface.default_tree)
+        // HFSC rates are 32 bits of bytes/s in the kernel; HTB has 64.
         for (const value<u32> &rate : {iface.phy_tx, iface.link_tx})
             if (rate.get() > most_hfsc_kbit) found.error(rate.at(), hfsc_right());
     check_speeds(iface, found);
@@ -192,7 +204,8 @@ void classful_json(const policy_interface &iface, json &out)
 
 // ---- PRIO ---------------------------------------------------------------------------------------
 
-// The kernel's own, where TOS picks the band
+// The kernel's own priomap: the band for each of the 16 packet priorities, which the kernel takes
+// from a packet's TOS. Its highest band is 2, so it needs 3 bands.
 constexpr u8 usual_priomap[16] = {1, 2, 2, 2, 1, 2, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1};
 
 void read_priomap(table_reader &in, prio_root_param &root)
@@ -222,11 +235,14 @@ void read_prio(table_reader &in, policy_interface &iface)
                                  "priomap", "automark", "class", "rule"});
     prio_root_param &root = iface.param.prio;
     value<u32> bands = in.number("bands", 2, 16);
+    // The kernel's own number of bands.
     bands.default_to(3);
-    // Whatever could be right, where it is wrong: nothing is to be blamed on it.
+    // A wrong `bands` has been reported. 255 stands for it, above any band or class that could be
+    // right, so that none of these is reported because of it.
     root.bands = static_cast<u8>(bands.get_or(255));
     read_automark(in, iface, root.automark);
     read_priomap(in, root);
+    // The library makes and names the bands' classes alike (add_prio_classes).
     for (u32 band = 1; band <= root.bands; ++band) {
         tree_class &c = iface.built_in.emplace_back();
         c.handle = band;
@@ -234,6 +250,7 @@ void read_prio(table_reader &in, policy_interface &iface)
     }
 }
 
+// Entries name bands. A handle above `bands` has no class that the leaf could hang on.
 void check_prio(const policy_interface &iface, const vector<tree_class> &, diagnostics &found)
 {
     for (const policy_class &entry : iface.classes)
@@ -296,7 +313,8 @@ void no_check(const policy_interface &, const vector<tree_class> &, diagnostics 
 const automark_value *no_automark(const policy_interface &) { return nullptr; }
 void nothing_from_kernel(live_qdisc &, const attribute &) {}
 
-// The interface keeps its default qdisc; only its queue's length is set.
+// The interface keeps its default qdisc; only its queue's length is set. False: there are no
+// classes to compare.
 bool compare_pfifo_fast(const policy_interface &wanted, const live_tree &seen, differences &found)
 {
     if (const live_qdisc *root = seen.root())

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Reads one TOML table. Owns the messages about a key by itself: unknown, missing, of the wrong
-// type, out of its range. What several keys mean together is the caller's.
+// type, out of its range. What several keys mean together is the caller's. Every reader reports its
+// fault once and then gives a wrong value, so that no caller reports it again.
 #include "table_reader.h"
 
 #include <algorithm>
@@ -14,7 +15,8 @@ namespace {
 using std::string;
 using std::string_view;
 
-// A value as it is shown in a message
+// A value as a message shows it. Texts are quoted and shortened, so that no byte of the file can
+// move a terminal's cursor.
 string shown(const toml::node &node)
 {
     if (const auto *text = node.as_string()) return quoted(text->get());
@@ -27,6 +29,8 @@ string shown(const toml::node &node)
     return "a date or time";
 }
 
+// TOML integers are signed and have 64 bits. The comparison is made in 64 bits: cut to 32 first,
+// 4294967297 would pass for 1.
 std::optional<u32> within(const toml::node &node, u32 least, u32 most)
 {
     const auto *value = node.as_integer();
@@ -34,6 +38,7 @@ std::optional<u32> within(const toml::node &node, u32 least, u32 most)
     return static_cast<u32>(value->get());
 }
 
+// Words are taken in either case, here and in the library's tables (id_in).
 std::optional<u32> place_in(table_reader::word_list names, const toml::node &node)
 {
     const auto *word = node.as_string();
@@ -62,6 +67,8 @@ table_reader::table_reader(const toml::table &table, const string &what, words k
     only(what, known);
 }
 
+// A key nobody knows is an error and no warning: a mistyped "ciel" would leave the class without
+// its ceil, and the script would not show it.
 void table_reader::only(const string &what, word_list known)
 {
     for (const auto &[key, value] : table_) {
@@ -74,6 +81,7 @@ void table_reader::only(const string &what, word_list known)
     }
 }
 
+// A missing key has no place; the table that lacks the key stands for it.
 position table_reader::at(string_view key) const
 {
     const toml::node *node = table_.get(key);
@@ -99,6 +107,7 @@ bool table_reader::must(words keys, const string &right)
 
 void table_reader::wrong(string_view key, const string &right)
 {
+    // The key is there: a value that is wrong has been read.
     wrong(key, *table_.get(key), right);
 }
 
@@ -150,6 +159,7 @@ value<u32> table_reader::number_in(string_view key, const toml::node &node, u32 
     return value<u32>::wrong(place(node));
 }
 
+// A number that is no handle is shown in hexadecimal, as policies and tc write handles.
 value<u32> table_reader::handle(string_view key, u32 least)
 {
     const toml::node *node = table_.get(key);
@@ -169,6 +179,7 @@ value<u32> table_reader::handle(string_view key, u32 least)
 
 value<u32> table_reader::rate(string_view key)
 {
+    // First, since the general message would not tell what is wrong with "20mbps".
     if (wrong_unit(key)) return value<u32>::wrong(at(key));
     return quantity(key, parse_rate,
                     "a rate is a whole number of kbit/s up to 4294967295, or a text like"
@@ -189,6 +200,7 @@ value<u32> table_reader::time(string_view key)
                     " \"20ms\"");
 }
 
+// The value is the word's place in the list. Callers keep their lists in the order of the ids.
 value<u32> table_reader::word(string_view key, word_list names)
 {
     const toml::node *node = table_.get(key);
@@ -207,6 +219,7 @@ value<u32> table_reader::word(string_view key, const txt_map *map)
     return value<u32>::wrong(place(*node));
 }
 
+// An array's element has a message with "each", since the key alone does not tell which one.
 value<u32> table_reader::word_in(string_view key, const toml::node &node, const txt_map *map)
 {
     if (const auto id = id_of(map, node)) return value<u32>::good(*id, place(node));
@@ -214,6 +227,7 @@ value<u32> table_reader::word_in(string_view key, const toml::node &node, const 
     return value<u32>::wrong(place(node));
 }
 
+// Null after an error too: whoever reads on has nothing to read.
 const toml::table *table_reader::table(string_view key, const string &right)
 {
     const toml::node *node = table_.get(key);
@@ -230,11 +244,14 @@ const toml::array *table_reader::array(string_view key, const string &right)
     return node->as_array();
 }
 
+// One text for two faults: the key is no array, or one of its elements is no table.
 string table_reader::array_right(string_view key, string_view path)
 {
     return "it is an array of tables: [[" + string(path) + string(key) + "]]";
 }
 
+// A number is in the base unit (kbit/s, bytes, ms). A text has a unit behind its number, and
+// `parse` brings it to the base unit.
 value<u32> table_reader::quantity(string_view key, std::optional<u32> (*parse)(string_view),
                                   const string &right)
 {
@@ -248,7 +265,8 @@ value<u32> table_reader::quantity(string_view key, std::optional<u32> (*parse)(s
     return value<u32>::wrong(place(*node));
 }
 
-// The mistake that is made most gets an answer of its own.
+// tc reads kbps, mbps and gbps as bytes per second; most people who write them mean bits, and would
+// get eight times the rate. No other mistake is as common, so the message tells the unit to write.
 bool table_reader::wrong_unit(string_view key)
 {
     const toml::node *node = table_.get(key);

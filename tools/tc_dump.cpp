@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Takes messages of rtnetlink apart. Pure: a message is bytes, and what its options mean is known
-// by the kind that it names. Bytes that end too early read as zeros.
+// Takes messages of rtnetlink apart. Pure: a message is bytes. The kind that a message names tells
+// how its options are read. Of a record that the message cuts short, the rest reads as zeros.
 #include "tc_dump.h"
 
 #include <arpa/inet.h>
@@ -42,6 +42,8 @@ live_stats parse_stats(std::span<const char> value)
 std::optional<live_class> parse_class(const tcmsg &head, std::span<const char> attributes,
                                       double ticks_per_us)
 {
+    // A qdisc below may have classes too (an SFQ's are its flows). HFSC shows its root, 1:0, as
+    // one.
     if (TC_H_MAJ(head.tcm_handle) != root_id || head.tcm_handle == root_id) return std::nullopt;
     live_class c;
     c.id = head.tcm_handle;
@@ -52,6 +54,7 @@ std::optional<live_class> parse_class(const tcmsg &head, std::span<const char> a
         if (a.type == TCA_OPTIONS) options = a;
         if (a.type == TCA_STATS2) c.stats = parse_stats(a.value);
     });
+    // Options are read last: netlink promises no order, and the kind tells how to read them.
     const root_kind *kind = find_root_kind(c.kind);
     if (kind != nullptr && kind->classes != nullptr)
         kind->classes->from_kernel(c, options, ticks_per_us);
@@ -69,6 +72,7 @@ live_qdisc parse_qdisc(const tcmsg &head, std::span<const char> attributes, doub
         if (a.type == TCA_OPTIONS) options = a;
         if (a.type == TCA_STATS2) q.stats = parse_stats(a.value);
     });
+    // No kind is both a root and a leaf; a qdisc of neither keeps its name alone.
     if (const root_kind *kind = find_root_kind(q.kind)) kind->from_kernel(q, options);
     if (const leaf_kind *kind = find_leaf_kind(q.kind)) kind->from_kernel(q, options, ticks_per_us);
     return q;
@@ -76,13 +80,16 @@ live_qdisc parse_qdisc(const tcmsg &head, std::span<const char> attributes, doub
 
 std::optional<live_filter> parse_filter(const tcmsg &head, std::span<const char> attributes)
 {
+    // The scripts add each filter as "protocol ip prio 50 handle MARK fw classid CLASS". A filter
+    // with anything else, a police or a mask, is not theirs (plain is false).
     constexpr u32 script_priority = 50;
     live_filter f{head.tcm_handle, 0, false};
     bool fw = false;
     bool more = false;
     each_attribute(attributes, [&](const attribute &a) {
         if (a.type == TCA_KIND) fw = a.text() == "fw";
-        if (a.type == TCA_CHAIN && a.as<u32>() != 0) more = true;  // which no packet comes to
+        // No packet comes to a chain other than 0 unless another filter sends it there.
+        if (a.type == TCA_CHAIN && a.as<u32>() != 0) more = true;
         if (a.type != TCA_OPTIONS) return;
         each_attribute(a.value, [&](const attribute &option) {
             if (option.type == fw_classid)
@@ -92,6 +99,7 @@ std::optional<live_filter> parse_filter(const tcmsg &head, std::span<const char>
         });
     });
     if (f.mark == 0) return std::nullopt;
+    // tcm_info: the priority in the high half, the protocol in network byte order in the low.
     f.plain = fw && !more && head.tcm_info >> 16 == script_priority &&
               (head.tcm_info & 0xffff) == htons(ETH_P_IP);
     return f;
@@ -99,7 +107,8 @@ std::optional<live_filter> parse_filter(const tcmsg &head, std::span<const char>
 
 double parse_psched(const char *line)
 {
-    // In hexadecimal: ns in 1 us, ns in a tick, and the units of the kernel's time in 1 s
+    // In hexadecimal: ns in 1 us, ns in a tick, and the units of the kernel's time in 1 s. tc reads
+    // this line too, and counts bursts with the result.
     unsigned long numbers[3] = {};
     char *at = nullptr;
     for (unsigned long &number : numbers) {
@@ -113,10 +122,12 @@ double parse_psched(const char *line)
 
 bool dump_reader::take(std::span<const char> bytes)
 {
+    // Copied out, not cast: nothing says that the bytes are aligned for an nlmsghdr.
     while (bytes.size() >= sizeof(nlmsghdr)) {
         nlmsghdr head{};
         std::memcpy(&head, bytes.data(), sizeof head);
         if (head.nlmsg_len < sizeof head || head.nlmsg_len > bytes.size()) break;
+        // Another number belongs to an earlier request, of which not every answer was read.
         if (head.nlmsg_seq == sequence_ &&
             !message(head.nlmsg_type, bytes.subspan(sizeof head, head.nlmsg_len - sizeof head)))
             return false;
@@ -128,7 +139,8 @@ bool dump_reader::take(std::span<const char> bytes)
 bool dump_reader::message(unsigned type, std::span<const char> body)
 {
     if (type == NLMSG_DONE) ended_ = true;
-    // The end of a dump that broke off carries an error too.
+    // NLMSG_DONE carries an error too, when a dump broke off in its middle. A list cut short must
+    // not pass for the whole: what is missing would be taken for gone.
     if (type == NLMSG_ERROR || type == NLMSG_DONE) {
         int error = 0;
         std::memcpy(&error, body.data(), std::min(sizeof error, body.size()));
@@ -138,6 +150,7 @@ bool dump_reader::message(unsigned type, std::span<const char> body)
     if (body.size() < sizeof(tcmsg)) return true;
     tcmsg head{};
     std::memcpy(&head, body.data(), sizeof head);
+    // A dump of qdiscs has those of every interface, whichever the request named.
     if (head.tcm_ifindex == ifindex_) each_(head, body.subspan(sizeof head));
     return true;
 }
@@ -145,6 +158,7 @@ bool dump_reader::message(unsigned type, std::span<const char> body)
 const live_qdisc *live_tree::root() const
 {
     for (const live_qdisc &q : qdiscs)
+        // The default qdisc, which the kernel makes itself, has handle 0.
         if (q.parent == TC_H_ROOT && q.handle != 0) return &q;
     return nullptr;
 }

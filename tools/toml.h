@@ -13,6 +13,7 @@
 
 namespace tool {
 
+// As toml++ counts: from 1, columns in characters.
 inline position place(const toml::source_region &source)
 {
     return {source.begin.line, source.begin.column};

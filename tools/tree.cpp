@@ -12,7 +12,8 @@
 namespace tool {
 namespace {
 
-// The first of them in words; the set has them in order.
+// The first 12 handles in words, lowest first: a policy may have thousands, and a message is one
+// line.
 std::string listed(const std::set<u32> &handles)
 {
     constexpr std::size_t shown = 12;
@@ -26,6 +27,9 @@ std::string listed(const std::set<u32> &handles)
 
 }  // namespace
 
+// An entry for a class that comes by itself gives that class its name and leaf; any other entry
+// adds a class. Nothing is sorted or left out by its parent: the checks of a policy work on this
+// list, and a class without a good parent has no place in a tree.
 std::vector<tree_class> declared_classes(const policy_interface &iface)
 {
     std::vector<tree_class> all = iface.built_in;
@@ -46,16 +50,20 @@ std::vector<tree_class> declared_classes(const policy_interface &iface)
     }
     std::set<u32> parents;
     for (const tree_class &c : all)
+        // A class below itself has an error of its own, and is no parent for that.
         if (c.parent != c.handle) parents.insert(c.parent);
     for (tree_class &c : all) c.has_children = parents.contains(c.handle);
     return all;
 }
 
+// Pre-order: a class, all that is below it, then its next sibling. The start script has this order,
+// so each class is added after its parent. The walk keeps a stack of its own and calls itself for
+// no class: a policy can hang 4,095 classes one below another.
 std::vector<tree_class> tree_of(const policy_interface &iface)
 {
     const std::vector<tree_class> all = declared_classes(iface);
     std::map<u32, std::vector<const tree_class *>> children;
-    // Last first, since the walk takes them from the end.
+    // Siblings last first: the walk takes classes from the end of `waiting`.
     for (auto c = all.rbegin(); c != all.rend(); ++c) children[c->parent].push_back(&*c);
     std::vector<tree_class> out;
     std::vector<const tree_class *> waiting = children[0];
@@ -66,7 +74,8 @@ std::vector<tree_class> tree_of(const policy_interface &iface)
         if (c->handle == 0) continue;
         const auto &below = children[c->handle];
         waiting.insert(waiting.end(), below.begin(), below.end());
-        children.erase(c->handle);  // a class is walked once
+        // A second class of this handle finds no children: a loop of parents ends here.
+        children.erase(c->handle);
     }
     return out;
 }
@@ -95,6 +104,8 @@ std::string listed_leaves(const std::vector<tree_class> &tree)
 
 std::vector<tree_class> default_tree(u32 root_type, u32 link_kbit, u32 phy_kbit)
 {
+    // The library's own table and functions make the classes. A copy of its numbers here would go
+    // on agreeing with itself when the script no longer does.
     qos_if rec{};
     rec.root_type = root_type;
     rec.link_tx = link_kbit;
@@ -121,7 +132,7 @@ class_curve written_curve(const hfsc_class_param &p, bool has_children)
         return {id, &p.ls};
     case mordel::curve_rt:
         return {id, &p.rt};
-    default:
+    default:  // no curve besides ul
         return {};
     }
 }

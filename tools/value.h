@@ -8,8 +8,9 @@
 
 namespace tool {
 
-// absent: the file does not give it. wrong: it does, and the error has been reported already, so
-// that nobody reports what follows from it. good: it does, or a default stands for it.
+// absent: the file has no such key. wrong: the value in the file is not allowed, and that error has
+// been reported, so that nobody reports what only follows from it. good: the value is allowed, or
+// the key is absent and a default stands for it.
 template <typename T>
 class value {
 public:
@@ -22,14 +23,14 @@ public:
     bool is_wrong() const { return state_ == state::wrong; }
     bool is_good() const { return state_ == state::good; }
 
-    // T{} unless good
+    // T{}, so 0 or empty, unless the value is good
     const T &get() const { return value_; }
     T get_or(T otherwise) const { return is_good() ? value_ : std::move(otherwise); }
 
-    // Of the value; of its table where it is absent.
+    // The value's place; where the file has no such key, that of the table which could have it.
     position at() const { return at_; }
 
-    // What stands where the file gives nothing. A wrong value stays wrong.
+    // Makes an absent value good. A wrong value stays wrong.
     void default_to(T otherwise)
     {
         if (is_absent()) *this = good(std::move(otherwise), at_);
