@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// Owns the way of a plan into the kernel: its steps are run, what the kernel then holds is
-// verified, and after a failure all of the interface is taken back. Which steps there are is
-// decided in plan.cpp.
+// Owns the way of a plan into the kernel: runs the steps, reads the kernel again and verifies its
+// tree. After a failure the interface goes back to its default qdisc without chains: half a policy
+// would shape in a way that nobody wrote. plan.cpp decides which steps there are.
 
 #include "apply.h"
 
@@ -23,9 +23,10 @@ namespace {
 using std::string;
 using lines = std::vector<string>;
 
-constexpr unsigned script_seconds = 600;  // what a script of thousands of lines takes, and more
+// The script starts a process for each line. A script that hangs is killed after so many seconds.
+constexpr unsigned script_seconds = 600;
 
-// All that the work on one interface is handed
+// The arguments of the work on one interface
 struct job {
     const policy &whole;
     const string &policy_text;
@@ -59,6 +60,7 @@ outcome taken_back(const job &j, outcome out, const string &error)
     out = failed(out, error);
     string why;
     out.restored = take_back(j.name(), j.tables, why);
+    // Forgets the policy of before too: the kernel no longer has it.
     j.state.forget(j.name());
     if (!out.restored) out.notes.push_back("could not be taken back whole: " + why);
     return out;
@@ -66,8 +68,8 @@ outcome taken_back(const job &j, outcome out, const string &error)
 
 // ---- Verified and remembered --------------------------------------------------------------------
 
-// "" when the kernel holds what was meant; a number that it has cut to its own limits is worth a
-// note.
+// Reads the kernel again and compares. "" when no part of the tree is missing; a number that the
+// kernel has cut to its own limits only adds a note.
 string verified(const job &j, outcome &out)
 {
     string why;
@@ -78,7 +80,8 @@ string verified(const job &j, outcome &out)
     return v.error;
 }
 
-// What is in the table now, where the next apply could not find out what belongs there
+// The rules as the table lists them now, for kernels without a namespace to try rules in: the next
+// apply compares with this listing. None where a trial works, and after a load onto no chains.
 std::optional<string> rules_to_remember(const job &j, const chains_seen &chains)
 {
     if (chains.present.empty() || chains.expected) return std::nullopt;
@@ -92,6 +95,7 @@ std::optional<string> rules_to_remember(const job &j, const chains_seen &chains)
 
 outcome kept(const job &j, const chains_seen &chains, outcome out)
 {
+    // Only a note: the policy is in force, whether it is remembered or not.
     if (!j.state.write(j.name(), {j.policy_text, j.w.text, rules_to_remember(j, chains)}))
         out.notes.push_back(
             format("cannot write to %s: status will not know the policy", j.state.path().c_str()));
@@ -100,7 +104,8 @@ outcome kept(const job &j, const chains_seen &chains, outcome out)
 
 // ---- By the script ------------------------------------------------------------------------------
 
-// The script tells of no failure, so its rules are counted: "" when all are there.
+// The script silences some commands and gives no exit status of use, so its rules are counted. ""
+// when all are in the table.
 string rules_missing(const job &j)
 {
     string why;
@@ -112,12 +117,13 @@ string rules_missing(const job &j)
                   wanted_lines);
 }
 
-// "", or why the script did not do its work. begun: set once it was run.
+// Runs the start script. "", or why the interface is not as wanted. begun: set once it has run.
 string run_script(const job &j, outcome &out, bool &begun)
 {
     string why;
     if (!is_on_path("tc")) return "tc is missing";
-    // The script's own iptables calls wait without an end: not before the lock was free.
+    // The script's iptables commands set no bound to their wait. A listing that has one comes
+    // first: a lock that another program keeps is met before the old tree is gone.
     if (!read_kernel(j.name(), why) || !j.tables.list(why)) return why;
     if (!write_start_script(j.whole, j.name())) return format("cannot write %s", start_script_path);
     const run_result result = run({start_script_path}, "", script_seconds);
@@ -129,7 +135,7 @@ string run_script(const job &j, outcome &out, bool &begun)
     return why;
 }
 
-// begun: there is something to take back already.
+// begun: earlier steps have changed the interface, so that a failure must be taken back.
 outcome by_script(const job &j, const chains_seen &chains, outcome out, bool begun)
 {
     if (j.options.dry_run) return out;
@@ -138,7 +144,8 @@ outcome by_script(const job &j, const chains_seen &chains, outcome out, bool beg
     return begun ? taken_back(j, out, error) : failed(out, error);
 }
 
-// The script takes no batch form, but the same tools.
+// For a router that has iptables but no iptables-restore: the script runs iptables for each rule.
+// The tc steps have run by now; the script begins by removing the tree that they built.
 outcome by_script_instead(const job &j, const chains_seen &chains, outcome out, const string &why)
 {
     const plan p = plan_script(why);
@@ -150,8 +157,9 @@ outcome by_script_instead(const job &j, const chains_seen &chains, outcome out, 
 
 // ---- By commands --------------------------------------------------------------------------------
 
-// The rules were loaded on the guess that there are no chains, and refused. With a look at what is
-// there they are planned once more.
+// After a refused load on the guess that there are no chains: lists the chains, puts the steps for
+// what is really there in place of the refused ones, and loads once more. `refused` is returned
+// when the listing fails.
 std::optional<step_failure> load_listed(const job &j, const memory &before, chains_seen &chains,
                                         std::vector<step> &steps, const step_failure &refused)
 {

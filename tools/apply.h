@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A policy brought into the kernel.
+// Brings a policy into the kernel.
 #pragma once
 
 #include <string>
@@ -17,8 +17,9 @@ struct apply_options {
     unsigned wait = 10;    // seconds for each lock
 };
 
-// Interfaces in turn; the first failure ends it. Call with the lock held. text: the policy's file,
-// which `status` will want; texts: what render() made of the policy.
+// Applies the interfaces in turn and ends with the first that fails. The caller holds the lock
+// (lock.h), except for a dry run. text: the policy file's content, kept for `status`. texts: from
+// render(p).
 std::vector<outcome> apply_policy(const policy &p, const std::string &text, const rendering &texts,
                                   const apply_options &o);
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Owns the names of an interface's chains and the lines about them that iptables prints and
-// iptables-restore takes. Pure: who runs them is iptables.cpp.
+// iptables-restore takes. Pure: iptables.cpp runs the programs.
 
 #include "chains.h"
 
@@ -16,8 +16,8 @@ using std::string;
 using lines = std::vector<string>;
 using kind = object::kind;
 
-// What a line of a listing, or one for iptables-restore, is about: -N, -F, -X and ":" name a chain,
-// -A and -D a rule, which is a jump where it stands in a chain of the table's own.
+// The object of a line that iptables -S prints or iptables-restore takes. -N, -F, -X and ":" name a
+// chain, -A and -D a rule. A rule outside the QOS_ chains is a jump: own_lines() lets no other in.
 object object_of(const string &line)
 {
     const lines words = words_of(line);
@@ -27,6 +27,7 @@ object object_of(const string &line)
     return {chain.starts_with(mordel::chain_prefix) ? kind::rule : kind::jump, 0, chain};
 }
 
+// Line 0: a refusal of this command is blamed on no line of the start script.
 command line_without_script(const string &text) { return {text, object_of(text), 0, false}; }
 
 string deletion_of(const string &rule) { return "-D" + rule.substr(2); }
@@ -38,6 +39,7 @@ lines own_lines(const string &listing, const string &ifname)
     const string rules = rule_chain(ifname);
     const string automark = automark_chain(ifname);
     const auto is_own = [&](const string &line) {
+        // The blank behind a chain's name: without it, "-A QOS_eth0" would match QOS_eth0_AUTO too.
         return line == "-N " + rules || line == "-N " + automark ||
                line.starts_with("-A " + rules + " ") || line.starts_with("-A " + automark + " ") ||
                line == "-A FORWARD -o " + ifname + " -g " + rules ||
@@ -59,7 +61,8 @@ std::vector<command> lines_to_load(const std::vector<command> &rules, const stri
 std::vector<command> lines_to_replace(const std::vector<command> &rules, const string &ifname,
                                       const lines &present)
 {
-    // Makes a chain, or empties the one that is there
+    // With --noflush, ":CHAIN" makes the chain, or empties the one that is there. The jumps of
+    // before are deleted, or each apply would add two more to FORWARD and OUTPUT.
     std::vector<command> all = {line_without_script(":" + rule_chain(ifname) + " - [0:0]"),
                                 line_without_script(":" + automark_chain(ifname) + " - [0:0]")};
     for (const string &line : present)
@@ -71,7 +74,7 @@ std::vector<command> lines_to_replace(const std::vector<command> &rules, const s
 
 std::vector<command> lines_to_remove(const lines &present)
 {
-    // A chain goes when nothing leads to it and nothing is in it.
+    // Jumps, then rules, then chains: -X refuses a chain that a rule jumps to or that holds rules.
     std::vector<command> jumps;
     std::vector<command> flushes;
     std::vector<command> removals;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// An interface's two chains in the mangle table, as texts: what belongs to them in a listing, and
-// the lines for iptables-restore that load them or take them away.
+// An interface's two chains in the mangle table, as texts: their lines in a listing, and the lines
+// for iptables-restore that load the chains or take them away.
 #pragma once
 
 #include <string>
@@ -10,21 +10,23 @@
 
 namespace tool {
 
-// What `iptables -S` says of this interface: its two chains, their rules, and the jumps into them
+// The lines of `iptables -S` about this interface: two chains, their rules, the jumps into them
 std::vector<std::string> own_lines(const std::string &listing, const std::string &ifname);
 
-// The lines that make the chains and load the commands of a script. They are refused, and change
-// nothing, where one of the chains is there.
+// The lines that make the chains and load the commands of a script. Where one of the chains exists
+// already, iptables-restore refuses the whole input and changes nothing.
 std::vector<command> lines_to_load(const std::vector<command> &rules, const std::string &ifname);
 
-// The same over what own_lines() gave: chains that are there are emptied, and their jumps deleted.
+// The lines that load the same over present chains. present: from own_lines(); its chains are
+// emptied, its jumps deleted.
 std::vector<command> lines_to_replace(const std::vector<command> &rules, const std::string &ifname,
                                       const std::vector<std::string> &present);
 
-// The lines that take away what own_lines() gave
+// The lines that delete all that own_lines() has found
 std::vector<command> lines_to_remove(const std::vector<std::string> &present);
 
-// Lines as the whole input of iptables-restore. The first of them is the input's line 2.
+// The whole input of iptables-restore for some commands. Its line 1 is "*mangle", so that the first
+// command is line 2.
 std::string restore_input(const std::vector<std::string> &commands);
 inline constexpr std::size_t first_restore_line = 2;
 

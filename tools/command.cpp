@@ -43,6 +43,8 @@ string object_text(const object &what)
 std::vector<string> words_of(std::string_view text)
 {
     std::vector<string> out;
+    // The script puts a domain in double quotes for the shell. Here words are handed to a program
+    // without a shell: the quotes would become part of the domain.
     std::istringstream in{string(text)};
     for (string word; in >> word;) {
         if (word.size() >= 2 && word.front() == '"' && word.back() == '"')

@@ -23,9 +23,9 @@ struct object {
         filter,        // number: its mark
         queue_length,  // of the interface
         chain,         // chain: its name
-        jump,          // into an interface's chain; chain: the one that it stands in, "FORWARD"
-        rule,          // chain: the one that it stands in
-        interface      // all of it: what a whole script does
+        jump,          // into an interface's chain; chain: the one that holds the jump, "FORWARD"
+        rule,          // chain: the one that holds the rule
+        interface      // the whole interface: the object of a script that is run as it stands
     } what = kind::interface;
     u32 number = 0;
     std::string chain;
@@ -39,7 +39,7 @@ struct command {
     std::string text;  // without the program's name: "class add dev eth0 ...", "-A QOS_eth0 ..."
     object what;
     unsigned line = 0;     // of the script, from 1
-    bool options = false;  // of a leaf: whether its qdisc is given any
+    bool options = false;  // of a leaf: words follow the qdisc's kind, as in "sfq perturb 10"
     bool operator==(const command &) const = default;
 };
 

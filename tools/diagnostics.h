@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What is wrong with a policy: errors and warnings, each with its place.
+// The errors and warnings that reading a policy has found, each with its place in the file.
 #pragma once
 
 #include <algorithm>
@@ -9,7 +9,7 @@
 
 namespace tool {
 
-// From 1; columns count characters.
+// A place in the file. Both numbers count from 1; columns count characters, not bytes.
 struct position {
     unsigned line = 1;
     unsigned column = 1;
@@ -36,6 +36,7 @@ public:
 
     const std::vector<diagnostic> &all() const { return all_; }
 
+    // Checks run table by table and would report out of order; two of one place keep their order.
     // In the order of the file
     std::vector<diagnostic> sorted() const
     {

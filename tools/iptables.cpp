@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
-// Owns the calls of iptables. All of them wait for the lock that the calls of all programs share,
-// for a time that has an end.
+// Owns the calls of iptables and iptables-restore. Each call waits a bounded time for the lock that
+// iptables processes share (/run/xtables.lock): a program that never lets go of the lock must not
+// hold up apply for ever.
 
 #include "iptables.h"
 
@@ -29,8 +30,10 @@ lines texts_of(const std::vector<command> &commands)
     return all;
 }
 
-// Runs a body in a process and a network namespace of its own, and gives back the text that it
-// returns; none when there can be no such namespace, or the body gives none.
+// Runs a body in a child process with a network namespace of its own, and gives the text that the
+// body returns; none when the body gives none or the kernel gives no namespace. A child, because
+// unshare would take this process away from the machine's interfaces for good. The answer comes by
+// a file that parent and child share.
 std::optional<string> in_own_namespace(const std::function<std::optional<string>()> &body)
 {
     const auto answer = make_temporary();
@@ -38,6 +41,7 @@ std::optional<string> in_own_namespace(const std::function<std::optional<string>
     const pid_t child = ::fork();
     if (child < 0) return std::nullopt;
     if (child == 0) {
+        // _exit, here and below: exit would write our unwritten standard output a second time.
         if (::unshare(CLONE_NEWNET) != 0) ::_exit(1);
         const std::optional<string> text = body();
         if (!text || std::fwrite(text->data(), 1, text->size(), answer.get()) != text->size() ||
@@ -57,7 +61,8 @@ std::optional<string> in_own_namespace(const std::function<std::optional<string>
 
 }  // namespace
 
-// To iptables a wait of 0, or none, is one without an end.
+// iptables sets an alarm of so many seconds and then waits for the lock. alarm(0) sets none: `-w 0`
+// waits without end, and so does `-w` without a number. The least wait is 1 s therefore.
 iptables::iptables(string ifname, unsigned wait)
     : ifname_(std::move(ifname)), wait_(std::to_string(std::max(wait, 1U)))
 {}
@@ -84,6 +89,7 @@ run_result iptables::restore(const lines &commands) const
 
 std::optional<lines> iptables::tried(const lines &commands) const
 {
+    // A new namespace has an empty mangle table: the listing holds these rules and no others.
     const auto text = in_own_namespace([&]() -> std::optional<string> {
         if (!restore(commands).ok()) return std::nullopt;
         string why;
@@ -99,6 +105,7 @@ std::optional<lines> iptables::tried(const lines &commands) const
 std::optional<std::size_t> iptables::first_refused(const lines &rules) const
 {
     const auto text = in_own_namespace([&]() -> std::optional<string> {
+        // The rules name both chains, so that each -A would be refused without them.
         for (const string &chain : {rule_chain(ifname_), automark_chain(ifname_)})
             if (!run_one({"-N", chain}).ok()) return std::nullopt;
         for (std::size_t i = 0; i < rules.size(); ++i)
@@ -113,7 +120,7 @@ bool iptables::remove(const lines &present, string &why) const
     if (present.empty()) return true;
     const lines commands = texts_of(lines_to_remove(present));
     if (!restore(commands).ok())
-        // One by one then: what one of them cannot do does not stop the others.
+        // iptables-restore does all or nothing: one by one, a refused command leaves the others.
         for (const string &one : commands) (void)run_one(words_of(one));
     const auto left = list(why);
     if (!left) return false;

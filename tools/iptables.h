@@ -15,21 +15,24 @@ public:
     // wait: seconds that each call waits for the lock that all iptables calls share; at least 1
     iptables(std::string ifname, unsigned wait);
 
-    // What own_lines() finds in the mangle table. None when iptables fails; `why` says so.
+    // The lines that own_lines() finds in the mangle table. None, and the reason in `why`, when
+    // iptables fails or is missing.
     std::optional<std::vector<std::string>> list(std::string &why) const;
 
+    // Runs iptables-restore --noflush: all of the commands take effect or none.
     run_result restore(const std::vector<std::string> &commands) const;
 
-    // What list() would give after such a restore, tried in a network namespace of its own; none
-    // where the kernel has no such namespaces or the commands fail.
+    // The lines that list() would give after restore(commands), found by a trial in an empty
+    // network namespace; none where the kernel gives no namespace or a command fails.
     std::optional<std::vector<std::string>> tried(const std::vector<std::string> &commands) const;
 
-    // The first of some "-A ..." commands that fails in a namespace of its own, where
-    // iptables-restore cannot say which it was; none when that cannot be told.
+    // The index of the first "-A ..." command that iptables refuses, run one by one in an empty
+    // network namespace. For a refusal at COMMIT, where iptables-restore names no rule. None when
+    // all pass there or the kernel gives no namespace.
     std::optional<std::size_t> first_refused(const std::vector<std::string> &rules) const;
 
-    // Takes away what list() gave, with one command each where it must. False, with why, when
-    // something stays.
+    // Deletes the lines that list() gave: by one restore, or one by one after a refusal. False, and
+    // the reason in `why`, when a line stays.
     bool remove(const std::vector<std::string> &present, std::string &why) const;
 
 private:

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Owns the lock file. The kernel lets go of a lock with its descriptor: a mordel that was killed
-// leaves none behind.
+// Owns the lock file. The lock is the descriptor's, and the kernel closes that with its process: a
+// killed mordel leaves no lock behind, though the file stays.
 
 #include "lock.h"
 
@@ -22,6 +22,7 @@ file_lock::file_lock(const std::string &path, unsigned wait)
         error_ = format("cannot open %s: %s", path.c_str(), std::strerror(errno));
         return;
     }
+    // Tried 20 times a second: flock has no time limit, only "for ever" and "not at all".
     const timespec pause{0, 50000000};
     for (unsigned tries = wait * 20;; --tries) {
         if (::flock(fd_.get(), LOCK_EX | LOCK_NB) == 0) return;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// One apply or stop at a time, on the whole machine.
+// The lock that lets one apply or stop run at a time on the whole machine.
 #pragma once
 
 #include <string>
@@ -8,12 +8,12 @@
 
 namespace tool {
 
-// Held, by this process, for as long as it lives
+// Holds the lock until it is destroyed, unless error() says otherwise.
 class file_lock {
 public:
-    // Waits so many seconds at most.
+    // wait: seconds at most until another process lets go of the lock
     file_lock(const std::string &path, unsigned wait);
-    const std::string &error() const { return error_; }  // "" when it is held
+    const std::string &error() const { return error_; }  // "" when the lock is held
 
 private:
     std::string error_;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// The command line of mordel: its options, and the way of each command through the stations. Only
-// here is a policy file read, and only here is something said on standard output and error, but for
-// `watch`.
+// Owns the command line of mordel: the options, and the way of each command through the stations.
+// Only this file reads the policy file that a user names. Only this file and watch.cpp write to
+// standard output and error.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -36,6 +36,7 @@ namespace {
 
 enum exit_status { done = 0, failed = 1, refused = 2 };  // refused: a bad policy or command line
 
+// The options of all commands: each command sets its own and leaves the rest at these values.
 struct options {
     string file;
     string interface;
@@ -53,7 +54,7 @@ void complain(const string &what) { std::fprintf(stderr, "mordel: %s\n", what.c_
 
 // ---- Policies -----------------------------------------------------------------------------------
 
-// The whole of a file, "-" being standard input; none, with errno, when it cannot be read.
+// The content of a file, or of standard input for "-"; none, with errno, when reading fails.
 std::optional<string> read_all(const string &path)
 {
     mordel::stream_guard opened(path == "-" ? nullptr : std::fopen(path.c_str(), "re"));
@@ -66,6 +67,7 @@ std::optional<string> read_all(const string &path)
     return text;
 }
 
+// FILE:LINE:COLUMN: as compilers write it, so that editors jump to the place.
 void print(const string &file, const diagnostics &found)
 {
     for (const diagnostic &d : found.sorted())
@@ -79,7 +81,7 @@ struct loaded {
     diagnostics found;
 };
 
-// The policy of o.file; none, after a word, when it cannot be read.
+// The policy of o.file, its errors in `found`; none, after a message, when reading fails.
 std::optional<loaded> load(const options &o)
 {
     std::optional<string> text = read_all(o.file);
@@ -93,8 +95,8 @@ std::optional<loaded> load(const options &o)
     return l;
 }
 
-// The same, but its errors are shown and make it none. Where `o.interface` is given, the others are
-// left out.
+// The policy of o.file without errors; none, after its errors are shown. With o.interface, the
+// policy's other interfaces are left out.
 std::optional<loaded> load_good(const options &o)
 {
     std::optional<loaded> l = load(o);
@@ -109,7 +111,7 @@ std::optional<loaded> load_good(const options &o)
     return std::nullopt;
 }
 
-// What the library makes of a policy; none, after a word, when it refuses.
+// The library's texts of a policy; none, after a message, when the library refuses the policy.
 std::optional<rendering> texts_of(const policy &p)
 {
     rendering texts = tool::render(p);
@@ -118,7 +120,8 @@ std::optional<rendering> texts_of(const policy &p)
     return std::nullopt;
 }
 
-// By the locale's name alone: a router has no locales to ask.
+// By the locale's name alone: small routers have no locale data for setlocale to find.
+// The first variable that is set and not empty decides, as in setlocale.
 bool is_utf8_locale()
 {
     for (const char *variable : {"LC_ALL", "LC_CTYPE", "LANG"}) {
@@ -131,6 +134,7 @@ bool is_utf8_locale()
 
 look look_of_stdout()
 {
+    // NO_COLOR: the custom is that any text but an empty one forbids colours.
     const char *no_color = std::getenv("NO_COLOR");
     look how;
     how.colour = ::isatty(STDOUT_FILENO) == 1 && (no_color == nullptr || *no_color == '\0');
@@ -140,12 +144,14 @@ look look_of_stdout()
 
 int write_out(const string &text, int status = done)
 {
+    // The flush is checked too: on a full disk fwrite succeeds into the buffer and only it fails.
     if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0)
         return status;
     complain(string("cannot write: ") + std::strerror(errno));
     return failed;
 }
 
+// replace: a file name may be no UTF-8, for which dump would throw otherwise.
 string dumped(const json &value)
 {
     return value.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
@@ -158,6 +164,7 @@ int check(const options &o)
     const std::optional<loaded> l = load(o);
     if (!l) return refused;
     const int status = l->found.failed() ? refused : done;
+    // As JSON all goes to standard output, and a bad policy still ends with status 2.
     if (!o.json) {
         print(o.file, l->found);
         return status;
@@ -194,6 +201,7 @@ int show(const options &o)
 
 // ---- apply, stop --------------------------------------------------------------------------------
 
+// Complaints go to standard error also beside --json: a person behind a program sees them.
 int report(const std::vector<outcome> &all, const options &o)
 {
     int status = done;
@@ -206,12 +214,14 @@ int report(const std::vector<outcome> &all, const options &o)
         }
         for (const string &what : complaints(r)) complain(what);
         out["interfaces"].push_back(outcome_json(r));
+        // A failed interface has had its word on standard error.
         if (!r.failed) text += outcome_text(r, o.apply.dry_run);
     }
     return write_out(o.json ? dumped(out) : text, status);
 }
 
-// The lock that serialises apply and stop; false, after a word, when it cannot be had.
+// Takes the lock that serialises apply and stop; false, after a message, when another mordel keeps
+// it or the folder is not to be trusted.
 bool take_lock(unsigned wait, std::optional<file_lock> &lock)
 {
     const state_folder state;
@@ -231,6 +241,7 @@ int apply_or_stop(const options &o, bool stopping)
     }
     const auto texts = texts_of(l->rules);
     if (!texts) return failed;
+    // A dry run changes nothing and takes no lock: without root the lock file cannot be opened.
     std::optional<file_lock> lock;
     if (!o.apply.dry_run && !take_lock(o.apply.wait, lock)) return failed;
     return report(stopping ? stop_policy(l->rules, {o.apply.dry_run, o.apply.wait})
@@ -240,22 +251,22 @@ int apply_or_stop(const options &o, bool stopping)
 
 // ---- status -------------------------------------------------------------------------------------
 
-// The policy that an interface is shown beside: the one that was given, or else the one that was
-// applied last. Empty without either.
+// The policy to compare an interface with: the given one, or else the one that was applied last.
+// Holds this interface alone, or none when neither policy has it.
 policy policy_of(const string &name, const std::optional<loaded> &given)
 {
     policy p;
     if (given) {
         p = given->rules;
     } else if (const auto text = state_folder().read(name).policy) {
-        diagnostics ignored;  // it was looked at when it was applied
+        diagnostics ignored;  // apply has shown its warnings
         p = read_policy(*text, kernel_kind::vendor, ignored);
     }
     std::erase_if(p.interfaces, [&](const policy_interface &iface) { return iface.name != name; });
     return p;
 }
 
-// None, after a word, when the interface cannot be looked at
+// None, after a message, when the kernel or the library gives no answer about the interface
 std::optional<interface_status> status_of(const string &name, const options &o,
                                           const std::optional<loaded> &given)
 {
@@ -267,6 +278,7 @@ std::optional<interface_status> status_of(const string &name, const options &o,
         const string &script = texts->interfaces.front().start;
         w.emplace(wanted{p.interfaces.front(), script, parse_start_script(script, name)});
         if (!w->script.error.empty()) {
+            // A fault of ours: a form that the library writes and start_script.cpp does not know.
             complain(name + ": its start script: " + w->script.error);
             return std::nullopt;
         }
@@ -281,6 +293,7 @@ int status(const options &o)
 {
     std::optional<loaded> given;
     if (!o.file.empty() && !(given = load_good(o))) return refused;
+    // The named interface, or those of the given policy, or all with a remembered policy
     std::vector<string> names;
     if (!o.interface.empty())
         names.push_back(o.interface);
@@ -292,6 +305,7 @@ int status(const options &o)
         complain("nothing was applied; name an interface, or a policy with --policy");
         return failed;
     }
+    // An interface that gives no answer fails the command but does not hide the others.
     int result = done;
     std::vector<interface_status> all;
     for (const string &name : names) {
@@ -332,7 +346,8 @@ CLI::App *add_command(CLI::App &app, options &o, const char *name, const char *d
     return command;
 }
 
-// A variable that was not set in a script must not mean all interfaces.
+// `mordel stop --interface "$IF"` with IF unset must be refused: an empty name would mean all
+// interfaces.
 string not_empty(const string &text) { return text.empty() ? "an empty name" : ""; }
 
 void add_interface(CLI::App *command, options &o)
@@ -415,6 +430,7 @@ void add_status(CLI::App &app, options &o)
         ->type_name("FILE");
     c->add_option("--interval", o.seconds, "Seconds over which rates are taken (1)")
         ->type_name("SECONDS")
+        // CLI::Range would let "nan" pass, which is neither below 0.1 nor above 60.
         ->check([](const string &text) -> string {
             const auto seconds = split_quantity(text);
             const bool good =
@@ -432,6 +448,7 @@ void add_watch(CLI::App &app, options &o)
     c->add_option("NAME", o.watch.names, "Interfaces")->required()->type_name("...");
     c->add_option("--interval", o.watch.interval, "Seconds between samples (1)")
         ->type_name("SECONDS")
+        // The monitor keeps its interval in a byte, where 0 works as 1.
         ->check(CLI::Range(1U, 255U));
     c->add_option("--count", o.watch.count, "End after so many samples")
         ->type_name("N")
@@ -440,6 +457,7 @@ void add_watch(CLI::App &app, options &o)
     c->footer("Examples:\n  mordel watch eth0 wlan0\n  mordel watch --count 10 eth0\n");
 }
 
+// A command: add declares its options, run does the work and returns the exit status.
 struct subcommand {
     const char *name;
     void (*add)(CLI::App &, options &);
@@ -477,7 +495,8 @@ try {
     app.set_version_flag("--version", "mordel " MORDEL_VERSION);
     app.footer("Exit status: 0 done, 1 failed, 2 a bad policy or command line.\n"
                "mordel COMMAND --help tells of each command.");
-    // The options of a command take some time to set up: only those of the one that is asked for.
+    // Only the asked command's options are declared: those of all seven take some time to set up.
+    // Without a command (--help, --version) all are, for the list of commands.
     const subcommand *asked = argc > 1 ? find_command(argv[1]) : nullptr;
     if (asked == nullptr && argc > 1 && argv[1][0] != '-') {
         complain("no command is called " + tool::quoted(argv[1]) + "; mordel --help names them");
@@ -488,6 +507,7 @@ try {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &e) {
+        // CLI11 has statuses of its own above 100; only 0 (--help, --version) is kept.
         return app.exit(e) == 0 ? done : refused;
     }
     return find_command(app.get_subcommands().front()->get_name())->run(o);

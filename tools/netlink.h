@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The attributes of a netlink message: a type, a length and a value each, and values that are
-// attributes again.
+// The attributes of a netlink message. Each has a type, a length and a value; a value may be a list
+// of attributes again.
 #pragma once
 
 #include <linux/rtnetlink.h>
@@ -16,19 +16,21 @@ struct attribute {
     unsigned type;
     std::span<const char> value;
 
-    // The first bytes of the value as a record; zeros for what is not there.
+    // The value as a record. An older or newer kernel may send a shorter or longer one: missing
+    // bytes are 0, further ones are dropped.
     template <typename Record>
     Record as() const
     {
         Record r{};
-        // An attribute that a message lacks is null, which memcpy does not take.
+        // The value of an absent attribute has a null address, which memcpy must not be given.
         if (!value.empty()) std::memcpy(&r, value.data(), std::min(sizeof r, value.size()));
         return r;
     }
     std::string text() const { return {value.data(), ::strnlen(value.data(), value.size())}; }
 };
 
-// Ends at the first attribute whose length does not fit.
+// Calls body for each attribute. Ends at the first whose length does not fit: a length of 0 would
+// loop for ever, one beyond the message would make body read foreign memory.
 template <typename Body>
 void each_attribute(std::span<const char> at, Body body)
 {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Owns the look at the mangle table that a plan is made of. It changes nothing: the wanted rules
-// are tried in a network namespace of their own.
+// Owns the look at the mangle table that a plan starts from. Changes nothing: the wanted rules are
+// tried in a network namespace of their own.
 
 #include "observe.h"
 
@@ -28,6 +28,7 @@ chains_seen look_at_chains(const iptables &tables, const wanted &w)
 {
     chains_seen seen = list_chains(tables);
     if (seen.present.empty()) return seen;
+    // Without present chains there is nothing to compare a trial with: the rules are loaded anyhow.
     std::vector<std::string> commands;
     for (const command &c : lines_to_load(w.script.rules, w.iface.name)) commands.push_back(c.text);
     seen.expected = tables.tried(commands);

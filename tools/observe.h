@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What is known of an interface's chains, found out by iptables.
+// Looks at an interface's chains by iptables.
 #pragma once
 
 #include "iptables.h"
@@ -7,10 +7,10 @@
 
 namespace tool {
 
-// What is there. Who is not root is told so in the record.
+// Lists the chains. Without root nothing is listed: the record's `how` is denied.
 chains_seen list_chains(const iptables &tables);
 
-// The same, and, where something is there, what would be there with the wanted rules
+// Lists the chains. Where there are any, also tries the wanted rules, for `expected`.
 chains_seen look_at_chains(const iptables &tables, const wanted &w);
 
 }  // namespace tool

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Owns the decision what is done to an interface: nothing, a few parameters changed in place, or a
-// new tree; rules exchanged or left. Pure: it is handed what the kernel holds, and runs nothing.
+// Owns the decision how an interface gets to its policy: no step, parameters changed in place, or a
+// new tree; rules loaded anew or left. Pure: takes the kernel's tree as a record, runs nothing.
 
 #include "plan.h"
 
@@ -31,7 +31,7 @@ step removal_of_root(const string &ifname, const string &why)
     return {program::tc, "qdisc del dev " + ifname + " root", {kind::root, 0, ""}, 0, why, true};
 }
 
-// The command that mends a difference; null where none alone does.
+// The script's command that mends a difference; null where only a new tree does.
 const command *mending(const wanted &w, const difference &d)
 {
     if (d.what == scope::tree) return nullptr;
@@ -40,8 +40,9 @@ const command *mending(const wanted &w, const difference &d)
 
 // ---- What differs -------------------------------------------------------------------------------
 
-// The kernel does not tell all that it was given. Where the script that was applied last says
-// something else, that is a difference too.
+// Adds a difference for each class and leaf whose command in the script applied last is another. A
+// dump does not show every parameter (a burst of 0 is left to tc, for one): a change of such a
+// parameter can be seen by the script alone.
 void add_remembered(const wanted &w, const memory &before, std::vector<difference> &found)
 {
     if (!before.script || *before.script == w.text) return;
@@ -56,11 +57,12 @@ void add_remembered(const wanted &w, const memory &before, std::vector<differenc
     }
 }
 
-// Whether a leaf that is wanted for one class hangs on another: its handle is then taken, and the
-// leaf can only be added once the other is gone.
+// Whether the handle of a wanted leaf is taken by a qdisc on another class. tc would refuse to add
+// the leaf, and the order in which single leaves move is not planned: the tree is built anew.
 bool has_misplaced_leaf(const wanted &w, const live_tree &live)
 {
     return std::any_of(live.qdiscs.begin(), live.qdiscs.end(), [&](const live_qdisc &q) {
+        // The leaf of class 1:10 has the handle 100:, which the kernel carries as 0x01000000.
         const u32 number = q.handle >> 20;
         return q.handle != 0 && q.handle == number << 20 &&
                w.script.find(kind::leaf, number) != nullptr && q.parent != (root_id | number);
@@ -83,8 +85,8 @@ command changing(command c)
     return c;
 }
 
-// Changed, or else taken away and added. A change without options changes nothing: what was set
-// would stay.
+// Changes a leaf in place, or else deletes and adds it. A command without options cannot change: tc
+// would leave the old options set where the policy wants the kernel's defaults.
 void plan_leaf(const string &ifname, const tree_class *of, const live_qdisc *seen, const command &c,
                const string &why, std::vector<step> &steps)
 {
@@ -95,6 +97,7 @@ void plan_leaf(const string &ifname, const tree_class *of, const live_qdisc *see
         steps.push_back(tc_step(changing(c), why));
         return;
     }
+    // Handle 0: the kernel's own qdisc of a class without a leaf, which cannot be deleted.
     if (seen != nullptr && seen->handle != 0)
         steps.push_back({program::tc,
                          format("qdisc del dev %s parent 1:%x", ifname.c_str(), handle), c.what,
@@ -102,7 +105,7 @@ void plan_leaf(const string &ifname, const tree_class *of, const live_qdisc *see
     steps.push_back(tc_step(c, why));
 }
 
-// By handle, all that differs of it
+// By handle, the texts of its differences: a class with three takes one command, not three.
 std::map<u32, string> reasons(const std::vector<difference> &found, scope what)
 {
     std::map<u32, string> all;
@@ -126,7 +129,8 @@ std::vector<step> changes(const wanted &w, const live_tree &live,
 
 // ---- Anew ---------------------------------------------------------------------------------------
 
-// The first of the differences that no change mends, or else the first of all
+// Why the tree is built anew: the first difference that no single command mends. There is none when
+// only a misplaced leaf forces the new tree: then the first of all.
 string main_reason(const wanted &w, const std::vector<difference> &found)
 {
     const auto first = std::find_if(found.begin(), found.end(),
@@ -139,6 +143,7 @@ std::vector<step> new_tree(const wanted &w, const live_tree &live,
                            const std::vector<difference> &found)
 {
     std::vector<step> steps;
+    // tc refuses to delete a root that nobody has put there, and its batch would end at that line.
     const bool fresh = live.root() == nullptr;
     if (!fresh) steps.push_back(removal_of_root(w.iface.name, main_reason(w, found)));
     for (const command &c : w.script.tree)
@@ -166,7 +171,8 @@ string reason(rules_state state, const chains_seen &chains)
     return "";
 }
 
-// Of a line for iptables-restore: a chain that is opened with ":" is emptied where it is there.
+// Whether a line for iptables-restore deletes rules or a chain. A ":CHAIN" line empties the chain
+// if it exists, and counts as destructive where the chains were not listed.
 bool takes_away(const command &c, const chains_seen &chains)
 {
     if (c.text.front() != ':') return c.text[1] != 'A' && c.text[1] != 'N';
@@ -208,6 +214,8 @@ rules_state compare_rules(const wanted &w, const chains_seen &chains, const memo
     if (chains.present.empty()) return rules_state::absent;
     if (chains.expected)
         return *chains.expected == chains.present ? rules_state::same : rules_state::other;
+    // The kernel may list a rule in other words than the script's, so script and listing cannot be
+    // compared. Without a trial, the listing is compared with the one after the last apply.
     const bool remembered =
         before.script == w.text && before.rules && lines_of(*before.rules) == chains.present;
     return remembered ? rules_state::as_remembered : rules_state::untried;
@@ -217,6 +225,8 @@ std::vector<step> plan_rules(const wanted &w, const chains_seen &chains, const m
 {
     const rules_state state = compare_rules(w, chains, before);
     if (state == rules_state::same || state == rules_state::as_remembered) return {};
+    // Of a guess the form that is refused where a chain exists: the other would empty the chain but
+    // leave its unseen jumps, and the new ones would stand beside them.
     const auto commands = chains.how == chains_seen::looked::guessed
                               ? lines_to_load(w.script.rules, w.iface.name)
                               : lines_to_replace(w.script.rules, w.iface.name, chains.present);
@@ -258,6 +268,8 @@ plan plan_stop(const string &ifname, const live_tree *live, const chains_seen &c
     return p;
 }
 
+// A missing part of the tree is an error, for traffic would go another way. A number that differs
+// is a note: kernels cut limits to their own bounds and shape all the same.
 verification verify(const wanted &w, const live_tree &live)
 {
     verification v;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// What is to be done to an interface: from what is wanted, what is there and what is remembered to
-// an ordered list of steps. Whoever shows, runs or counts them has this list.
+// A plan: the ordered list of steps that brings an interface from what the kernel holds to what the
+// policy wants. A dry run and status show the steps of this one list, apply runs them.
 #pragma once
 
 #include <optional>
@@ -15,7 +15,7 @@
 
 namespace tool {
 
-// ---- What it is made of -------------------------------------------------------------------------
+// ---- What a plan is made of ---------------------------------------------------------------------
 
 // An interface as the policy wants it
 struct wanted {
@@ -27,28 +27,29 @@ struct wanted {
 // What is known of an interface's chains
 struct chains_seen {
     enum class looked {
-        guessed,  // nobody has looked; most likely there are none
-        listed,   // `present` is what is there
-        denied,   // who is not root may not look
-        failed    // iptables does not answer
+        guessed,  // not listed; the interface is new, so most likely without chains
+        listed,   // `present` holds the listing
+        denied,   // not root, so iptables would refuse to list
+        failed    // iptables is missing or failed
     } how = looked::guessed;
-    std::string why_not;               // denied, failed
+    std::string why_not;               // the reason; of denied and failed
     std::vector<std::string> present;  // own_lines(); empty unless listed
-    // What own_lines() would be with the wanted rules; none where that could not be tried
+    // own_lines() as it would be with the wanted rules loaded; none where a trial was impossible
     std::optional<std::vector<std::string>> expected;
 };
 
-// Whether loading the rules may rely on a guess: on a fresh interface there is most likely no
-// chain, and the load itself finds out. It saves the listing, a third of an apply.
+// Whether the rules may be loaded on the guess that the interface has no chains yet: it has no root
+// qdisc and no script is remembered. The load is refused where the guess is wrong; a listing, a
+// third of an apply's time, is only then needed.
 bool may_guess(const live_tree &live, const memory &before);
 
 enum class rules_state {
-    not_seen,       // nobody has looked
-    absent,         // there are no chains
-    same,           // as they would be after a load
-    other,          // not so
-    as_remembered,  // could not be tried; as they were when the same script was applied last
-    untried         // could not be tried, and not as remembered
+    not_seen,       // the chains were not listed
+    absent,         // listed, and there are no chains
+    same,           // listed as they would be after a load
+    other,          // listed otherwise than after a load
+    as_remembered,  // no trial; listed as when the same script was applied last
+    untried         // no trial, and listed otherwise or nothing remembered
 };
 rules_state compare_rules(const wanted &w, const chains_seen &chains, const memory &before);
 
@@ -60,9 +61,9 @@ struct step {
     program by = program::tc;
     std::string command;  // as the program takes it: a line of a batch, arguments, or its own path
     object what;
-    unsigned line = 0;         // of the start script; 0: it stands in none
+    unsigned line = 0;         // of the start script; 0: the script has no such command
     std::string why;           // "rate is 3mbit, not 4mbit"
-    bool destructive = false;  // what is there goes: waiting packets, counters, rules
+    bool destructive = false;  // loses waiting packets, counters or rules of the kernel's
 };
 
 // The step as it is shown: "tc qdisc add ...", "iptables-restore: -A ..."
@@ -78,16 +79,16 @@ struct plan {
 
 plan plan_apply(const wanted &w, const live_tree &live, const chains_seen &chains,
                 const memory &before);
-// Its steps that load the rules
+// The part of plan_apply()'s steps that loads the rules
 std::vector<step> plan_rules(const wanted &w, const chains_seen &chains, const memory &before);
 
-// By the library's own script, whatever there is
+// One step: the library's own script, whatever the kernel holds
 plan plan_script(const std::string &why);
 
-// live: null when the interface has gone, which its chains outlive.
+// live: null when the interface has gone. Its chains may still be there: iptables keeps them.
 plan plan_stop(const std::string &ifname, const live_tree *live, const chains_seen &chains);
 
-// ---- What came of it ----------------------------------------------------------------------------
+// ---- After a plan ran ---------------------------------------------------------------------------
 
 struct verification {
     std::string error;               // a part is missing; "" when all is there

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// Owns the running of other programs: started with posix_spawn, fed and heard through files without
-// a name. A pipe would need somebody to read it while somebody else writes; a file holds whatever
-// comes, and its reader starts when the program has ended.
+// Owns the running of other programs: started with posix_spawn, their input and output in files
+// without a name. Pipes hold 64 KiB: a program that writes more to one while we write to the other
+// would stand still, and we too. A file takes all; the output is read after the program's end.
 
 #include "process.h"
 
@@ -26,7 +26,7 @@ std::string contents(FILE *stream)
 {
     std::string text;
     std::array<char, 4096> piece{};
-    // Through the descriptor: the child has moved the file's offset, not the stream's.
+    // pread at an offset of our own: the child's writes have moved the shared one to the end.
     off_t at = 0;
     for (;;) {
         const ssize_t n = ::pread(::fileno(stream), piece.data(), piece.size(), at);
@@ -39,11 +39,13 @@ std::string contents(FILE *stream)
 
 bool fill(FILE *stream, const std::string &text)
 {
+    // Back to the start, for the child reads from the offset that both share.
     return std::fwrite(text.data(), 1, text.size(), stream) == text.size() &&
            std::fflush(stream) == 0 && ::lseek(::fileno(stream), 0, SEEK_SET) == 0;
 }
 
-// The exit status. A process group of its own is killed after so many seconds, if not 0.
+// Waits for a child and gives its exit status. seconds: after so many its process group, which is
+// the child's own, is killed, so that no tc of a killed script lives on; 0: waits without end.
 int wait_for(pid_t child, unsigned seconds)
 {
     int status = 0;
@@ -53,6 +55,7 @@ int wait_for(pid_t child, unsigned seconds)
         if (ended == child) break;
         if (ended < 0 && errno != EINTR) return 127;
         if (ended != 0) continue;
+        // With a limit the child is polled every 10 ms: waitpid itself has no time limit.
         if (std::chrono::steady_clock::now() >= end) (void)::kill(-child, SIGKILL);
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
@@ -60,7 +63,7 @@ int wait_for(pid_t child, unsigned seconds)
 }
 
 // Starts a program with three files as its standard input, output and error. None when it cannot be
-// started.
+// started. own_group: a new process group, with the child's id, for wait_for() to kill.
 std::optional<pid_t> spawn(const std::vector<std::string> &command,
                            const std::array<FILE *, 3> &files, bool own_group)
 {
@@ -70,6 +73,7 @@ std::optional<pid_t> spawn(const std::vector<std::string> &command,
     argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
+    // dup2 gives the child copies without close-on-exec; the files themselves close at its exec.
     for (int fd = 0; fd < 3; ++fd)
         posix_spawn_file_actions_adddup2(&actions, ::fileno(files[static_cast<unsigned>(fd)]), fd);
     posix_spawnattr_t attributes;
@@ -87,7 +91,7 @@ std::optional<pid_t> spawn(const std::vector<std::string> &command,
 
 mordel::stream_guard make_temporary()
 {
-    // Older kernels have none in memory.
+    // Kernels before 3.17 know no memfd_create: a deleted file in /tmp then.
     const int fd = ::memfd_create("mordel", MFD_CLOEXEC);
     return mordel::stream_guard(fd >= 0 ? ::fdopen(fd, "w+e") : std::tmpfile());
 }
@@ -113,8 +117,8 @@ run_result run(const std::vector<std::string> &command, const std::string &input
         result.err = "no room for a temporary file";
         return result;
     }
-    // posix_spawn may tell of a missing program by its child's status 127 alone (it does under
-    // qemu-user), which a script may end with as well: so the program is looked for first.
+    // Under qemu-user posix_spawnp reports no missing program: its child ends with status 127, as a
+    // script may do too. So the PATH is searched before.
     std::optional<pid_t> child;
     if (is_on_path(command.front()))
         child = spawn(command, {in.get(), out.get(), err.get()}, seconds != 0);
@@ -130,6 +134,8 @@ uninterrupted::uninterrupted()
 {
     sigset_t set;
     sigemptyset(&set);
+    // SIGTSTP (Ctrl-Z) would leave half a tree, and the lock held, until somebody continues us.
+    // SIGKILL and SIGSTOP cannot be blocked.
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE, SIGTSTP})
         sigaddset(&set, number);
     sigprocmask(SIG_BLOCK, &set, &before_);

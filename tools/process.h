@@ -13,8 +13,8 @@ namespace tool {
 struct run_result {
     bool missing = false;  // the program could not be started
     int status = 0;        // its exit status; 128 and the signal's number when it was killed
-    std::string out;       // what it said on standard output
-    std::string err;       // and on standard error
+    std::string out;       // its standard output, whole
+    std::string err;       // its standard error, whole
     bool ok() const { return !missing && status == 0; }
 };
 
@@ -22,15 +22,16 @@ struct run_result {
 bool is_on_path(const std::string &program);
 
 // Runs a program, found on the PATH, with a text as its standard input, and waits for its end.
-// After so many seconds, if not 0, it is killed with all that it has started.
+// seconds: after so many the program is killed with its process group; 0: waits without end.
 run_result run(const std::vector<std::string> &command, const std::string &input = "",
                unsigned seconds = 0);
 
 // A file without a name, in memory where the kernel can; null when there is no room.
 mordel::stream_guard make_temporary();
 
-// While one lives, the signals that a terminal or a supervisor ends a program with wait: what was
-// begun is finished, or taken back, first. What is run inherits that.
+// While one lives, the signals by which a terminal or a supervisor ends or suspends a program are
+// blocked: an apply that has begun is finished, or taken back, before the signal takes effect.
+// Programs that run() starts inherit the block, so that Ctrl-C does not kill tc halfway.
 class uninterrupted {
 public:
     uninterrupted();

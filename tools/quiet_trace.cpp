@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The library's traces go to the console of the machine. The command's user sits elsewhere and is
-// told by the command itself, so its traces go nowhere.
+// Replaces the library's traces by nothing. They go to /dev/console and a log file; the command's
+// user sits at another terminal and gets the command's own messages.
 #include "trace.h"
 
 namespace mordel {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
-// Owns the library's lists, which are one for the process: each function here fills them with a
-// policy and empties them before it returns, also when it throws. Everybody else is handed texts.
+// Owns what the library's lists hold. The process has one set of lists: each function here fills
+// them with a policy and empties them before it returns or throws, so that two policies never mix.
+// All other files are handed texts.
 
 #include "render.h"
 
@@ -18,10 +19,11 @@ namespace {
 
 using std::string;
 
-// A policy in the library's lists, for as long as this lives
+// Fills the library's lists with a policy; the destructor empties them.
 class declared {
 public:
-    // The empty one is whole first, so that its destructor runs when declare() throws.
+    // Delegates to the empty constructor: from there on the object counts as built, and a throw in
+    // declare() runs the destructor. Otherwise half a policy would stay in the lists.
     explicit declared(const policy &p) : declared() { refused_ = declare(p); }
     declared(const declared &) = delete;
     declared &operator=(const declared &) = delete;
@@ -45,6 +47,7 @@ string declare_classes(const policy_interface &iface, const char *name)
 {
     for (const policy_class &c : iface.classes) {
         const u32 handle = c.handle.get();
+        // An existing class came with the default tree; only its leaf can be set.
         if (!c.existing && add_class(name, c.parent.get(), handle, &c.param, nullptr) != 0)
             return refusal("class", name, handle);
         if (c.leaf.is_good() && add_leaf_qdisc(name, handle, &c.leaf.get()) != 0)
@@ -56,14 +59,17 @@ string declare_classes(const policy_interface &iface, const char *name)
 string declare_interface(const policy_interface &iface)
 {
     const char *name = iface.name.c_str();
-    // The root parameters of every type begin where their union does.
+    // iface.param is a union: its address is that of the root type's own record.
     if (add_root_qdisc(iface.speeds, name, iface.root_type, &iface.param) != 0)
         return refusal("root", name, iface.root_type);
+    // add_root_qdisc has built the default tree below class 1:1. Removing 1:1 removes all of it, or
+    // the policy's own handles would meet those of the default tree.
     if (kind_of(iface).takes_classes && !iface.default_tree && del_class(name, 1) != 0)
         return refusal("class", name, 1);
     if (string refused = declare_classes(iface, name); !refused.empty()) return refused;
     for (const policy_rule &rule : iface.rules) {
         const auto index = static_cast<u8>(rule.index.get());
+        // add_qos_rule and add_sched return 1 for success, add_class and its like 0.
         if (add_qos_rule(name, index, &rule.match, &rule.target) != 1)
             return refusal("rule", name, index);
     }
@@ -82,6 +88,7 @@ string declared::declare(const policy &p)
 declared::~declared()
 {
     for (const qos_if &rec : mordel::each<&qos_if::node>(qos_root)) {
+        // A copy: rec.ifname goes with the record, which del_root_qdisc frees.
         const string name = rec.ifname;
         for (const qos_rule &rule : mordel::each<&qos_rule::node>(rec.rules))
             (void)del_qos_rule(name.c_str(), rule.index);
@@ -90,8 +97,8 @@ declared::~declared()
     (void)del_all_sched();
 }
 
-// All that a writer writes. A stream in memory fails when memory runs out, and then holds the
-// beginning of the text or nothing: neither must be taken for the text.
+// Gives all that a writer writes. A stream in memory that runs out of memory holds the beginning of
+// the text: throws then, for half a script that was loaded would leave half a tree.
 template <typename Write>
 string text_of(Write write)
 {

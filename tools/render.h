@@ -18,15 +18,15 @@ struct interface_texts {
 };
 
 struct rendering {
-    std::string refused;  // what the library did not take, "root of eth0: 0x1"; "": it took all
-    std::vector<interface_texts> interfaces;  // in the order of the policy; none if it refused
+    std::string refused;  // the first part that the library refused, "root of eth0: 0x1"; or ""
+    std::vector<interface_texts> interfaces;  // in the policy's order; empty after a refusal
 };
 
-// Throws std::bad_alloc when there is no room for a text: half a script is no script.
+// Throws std::bad_alloc when a text finds no memory: half a script would leave half a tree.
 rendering render(const policy &p);
 
-// Has the library write the start script of an interface to its place (start_script_path). False
-// when the library refused the policy or could not write.
+// Has the library write the start script of an interface to start_script_path. False when the
+// library refused the policy or could not write the file.
 bool write_start_script(const policy &p, const std::string &ifname);
 
 }  // namespace tool

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Owns the words and the JSON about plans and what came of them. The plan that a dry run shows is
-// the record that apply runs, and `status` shows what apply would do.
+// Owns the words and the JSON about plans and their outcomes. Apply runs the same steps that a dry
+// run and `status` show: nobody makes a second list for showing.
 
 #include "report.h"
 
@@ -16,6 +16,7 @@ using std::string;
 using json = nlohmann::ordered_json;
 using kind = object::kind;
 
+// The words are contract: scripts read them from --json.
 const char *word_for(const outcome &r)
 {
     if (r.failed) return "failed";
@@ -34,7 +35,8 @@ const char *word_for(const outcome &r)
 
 struct counts {
     std::size_t tc = 0;
-    std::size_t rules = 0;  // and the queue length
+    std::size_t rules = 0;  // iptables-restore's commands, and that of the queue length
+    // The script's own commands are not counted: nobody sees which of them ran.
     bool by_script = false;
 };
 
@@ -52,6 +54,8 @@ counts count(const std::vector<step> &steps)
     return all;
 }
 
+// An object with the fields that its kind has and no others: a number of 0 or an empty chain would
+// look like a value.
 json object_json(const object &o)
 {
     switch (o.what) {
@@ -81,6 +85,7 @@ json object_json(const object &o)
 
 string outcome_text(const outcome &r, bool dry_run)
 {
+    // "unchanged" is the word for programs; a person is told why nothing happened.
     if (r.result == effect::none) return r.name + ": nothing to do\n";
     string out = r.name + ": ";
     if (dry_run) {
@@ -98,6 +103,7 @@ std::vector<string> complaints(const outcome &r)
 {
     std::vector<string> all;
     if (r.failed) all.push_back(r.name + ": " + r.error);
+    // The start script is the one text with line numbers that a user can see: mordel render.
     if (!r.failed_command.empty())
         all.push_back(format("%s: line %u of its start script: %s", r.name.c_str(), r.failed_line,
                              r.failed_command.c_str()));
@@ -119,6 +125,7 @@ json outcome_json(const outcome &r)
                 {"commands", commands},
                 {"steps", steps_json(r.steps)},
                 {"notes", r.notes}};
+    // The fields of a failure are absent from a success, not empty.
     if (!r.failed) return out;
     out["error"] = r.error;
     out["failed_command"] = r.failed_command;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// A policy as a tree for a person, as a graph for Graphviz, and as JSON for a program. Pure: takes
-// a policy and gives a text.
+// Owns the drawing of a policy: a tree for a person, a graph for Graphviz, JSON for a program.
+// Pure: takes a policy and gives a text. Rates are in kbit/s; the JSON names say so.
 #include "show.h"
 
 #include <algorithm>
@@ -20,7 +20,8 @@ namespace {
 
 using std::string;
 
-// As the scripts say it
+// A schedule as the scripts have it: days are bits 0 to 6, and the library keeps start_hour but not
+// the end, so that each schedule ends at 0:00.
 string schedule_text(const qos_sched &s)
 {
     const string days = bit_names(s.days & 0x7f, mordel::WeekStrMap, ",");
@@ -34,6 +35,7 @@ public:
         : iface_(iface), kind_(kind_of(iface)), how_(how), tree_(tree_of(iface))
     {}
 
+    // Head, classes depth first, then the rules that lead to no class
     string print()
     {
         head();
@@ -55,6 +57,7 @@ private:
     void head()
     {
         out_ += bold(iface_.name) + "  " + string(kind_.name);
+        // In the library's order: link out, link in, phy out, phy in; 0 is a speed not given.
         const u32 *s = iface_.speeds;
         if (s[2] != 0 || s[3] != 0)
             out_ += format("  phy %s out, %s in", rate_text(s[2]).c_str(), rate_text(s[3]).c_str());
@@ -67,6 +70,7 @@ private:
 
     void children(u32 parent, const string &indent)
     {
+        // Collected first: the last child has another knot, and no line runs on below it.
         std::vector<const tree_class *> list;
         for (const tree_class &c : tree_)
             if (c.parent == parent) list.push_back(&c);
@@ -95,7 +99,8 @@ private:
         for (const string &line : ways_to(c.handle)) out_ += pad + dim(line) + "\n";
     }
 
-    // Of its parent's limit: full cells up to what the class is sure of, half ones up to its limit
+    // A bar of 20 cells that stands for the parent's limit: full cells up to the class's guaranteed
+    // rate, half ones up to its own limit. No bar without a limit of the parent to scale to.
     string bars(const tree_class &c) const
     {
         constexpr u32 cells = 20;
@@ -108,6 +113,7 @@ private:
             return std::min<u32>(cells,
                                  static_cast<u32>(std::lround(kbit * double{cells} / whole)));
         };
+        // A limit below the guaranteed rate must not shorten the bar.
         const u32 sure = cells_of(share);
         const u32 most = std::max(sure, cells_of(limit));
         string bar;
@@ -117,10 +123,12 @@ private:
             else
                 bar += i < sure ? "#" : i < most ? "=" : ".";
         }
+        // A class never gets more than its parent has, whatever its own limit says.
         return bar + format("  %.0f%% to %.0f%% of 1:%x", share * 100 / whole,
                             std::min(1.0, limit / whole) * 100, parent->handle);
     }
 
+    // The rules and connection marks that lead to a class: a mark is the handle of its class.
     std::vector<string> ways_to(u32 handle) const
     {
         std::vector<string> lines;
@@ -129,11 +137,13 @@ private:
                 continue;
             lines.push_back(
                 format("rule %d: %s", rule->index.get(), match_text(rule->match).c_str()));
+            // A rule may set a TOS or DSCP besides the mark; the rest is shown where there is any.
             if ((rule->target.flags & ~(1U << mordel::target_mark)) != 0)
                 lines.back() += "; " + target_text(rule->target);
         }
         const automark_value *automark = kind_.automark(iface_);
         if (automark == nullptr || automark->enable == 0) return lines;
+        // The script of the automark chain gives mark[i] to connections marked (i + 1) * 100.
         string marks;
         for (u32 i = 0; i < std::size(automark->mark); ++i)
             if (automark->mark[i] == handle)
@@ -150,6 +160,7 @@ private:
                                match_text(rule->match).c_str(), target_text(rule->target).c_str());
     }
 
+    // By index, the order of the script; the file may have another.
     std::vector<const policy_rule *> in_order() const
     {
         std::vector<const policy_rule *> list;
@@ -168,6 +179,7 @@ private:
 
 using json = nlohmann::ordered_json;
 
+// A class with children has no "leaf": the script writes leaf qdiscs for the other classes alone.
 json class_json(const root_kind &kind, const tree_class &c)
 {
     json out = {{"handle", c.handle}, {"parent", c.parent}, {"name", c.name}};
@@ -176,6 +188,7 @@ json class_json(const root_kind &kind, const tree_class &c)
     return out;
 }
 
+// match and target are the texts that a person sees; mark and schedule are numbers to look up.
 json rule_json(const policy_rule &rule)
 {
     json out = {{"index", rule.index.get()},
@@ -205,6 +218,8 @@ json interface_json(const policy_interface &iface)
     return out;
 }
 
+// Node names carry the interface's name: two interfaces in one graph may both have a class 1:10.
+// "\\n" is Graphviz's own escape for a new line in a label.
 void dot_interface(const policy_interface &iface, string &out)
 {
     const string root = "\"" + iface.name + "\"";
@@ -221,6 +236,7 @@ void dot_interface(const policy_interface &iface, string &out)
         out += format("  %s [label=\"%s\"];\n", id(c.handle).c_str(), label.c_str());
         out += format("  %s -> %s;\n", id(c.parent).c_str(), id(c.handle).c_str());
     }
+    // Solid edges lead from parent to child, dashed ones from a rule to its class.
     for (const policy_rule &rule : iface.rules) {
         if (!has(rule.target.flags, mordel::target_mark)) continue;
         const string node = format("\"%s rule %d\"", iface.name.c_str(), rule.index.get());

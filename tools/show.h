@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A policy as a person wants to see it.
+// Draws a policy: as a tree on a terminal, as a graph for Graphviz, as JSON.
 #pragma once
 
 #include <string>
@@ -9,8 +9,8 @@
 namespace tool {
 
 struct look {
-    bool colour = false;
-    bool utf8 = false;
+    bool colour = false;  // escape sequences for bold, dim and red
+    bool utf8 = false;    // box drawing and blocks; else ASCII
 };
 
 std::string show_tree(const policy &p, const look &how);

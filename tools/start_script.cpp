@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Owns the grammar of the start scripts that the library writes. Words are looked at by their
-// place, so that an interface may be called as a word of a command is. Nothing here reads a file.
+// Owns the grammar of the start scripts that the library writes. A word counts by its place in the
+// command, never by a search: an interface may be named "root" or "parent". Reads no file.
 
 #include "start_script.h"
 
@@ -15,7 +15,8 @@ using std::string;
 using words = std::vector<string>;
 using kind = object::kind;
 
-// The number of a word "1:0x10", "0x100:" or "0x10", between what stands around it
+// The number between `before` and `after`: 0x10 of "1:0x10" with "1:0x" before it, 0x100 of
+// "0x100:" with "0x" before and ":" after it. None when anything else stands in the word.
 std::optional<u32> hexadecimal(std::string_view word, std::string_view before,
                                std::string_view after = "")
 {
@@ -23,13 +24,14 @@ std::optional<u32> hexadecimal(std::string_view word, std::string_view before,
         word.size() <= before.size() + after.size())
         return std::nullopt;
     word = word.substr(before.size(), word.size() - before.size() - after.size());
+    // from_chars takes no "0x": that is part of `before`.
     u32 value = 0;
     const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), value, 16);
     if (error != std::errc() || end != word.data() + word.size()) return std::nullopt;
     return value;
 }
 
-// Whether a command's words are these, "*" being any word; what follows them is free.
+// Whether a command begins with the words of the pattern; "*" stands for any one word.
 bool opens_with(const words &command, const words &pattern)
 {
     if (command.size() < pattern.size()) return false;
@@ -38,6 +40,7 @@ bool opens_with(const words &command, const words &pattern)
     return true;
 }
 
+// Reads a script line by line and ends at the first line of unknown form.
 class reader {
 public:
     explicit reader(const string &ifname) : ifname_(ifname) {}
@@ -47,10 +50,12 @@ public:
         for (const string &line : lines_of(text)) {
             ++number_;
             if (take(line)) continue;
+            // One unknown line refuses all: a plan without the line would be taken for whole.
             script_ = {};
             script_.error = format("line %u is unknown: %s", number_, quoted(line).c_str());
             return script_;
         }
+        // The script of a pfifo_fast interface adds no root: it only sets a queue length.
         if (script_.find(kind::root, 0) == nullptr && !script_.queue_length)
             script_.error = "there is neither a root qdisc nor a queue length";
         return script_;
@@ -60,6 +65,7 @@ private:
     bool take(const string &line)
     {
         if (line.starts_with("#")) return true;
+        // Left out: the plan knows from the kernel whether there is a root to remove.
         if (line == "tc qdisc del dev " + ifname_ + " root 2>/dev/null") return true;
         if (line.starts_with("tc ")) return take_tree(line.substr(3));
         if (line.starts_with("iptables -t mangle ")) return take_rule(line.substr(19));
@@ -72,6 +78,7 @@ private:
         const words w = words_of(text);
         const auto what = tree_object(w);
         if (!what) return false;
+        // An object that comes twice refuses the script: find() could tell one of the two alone.
         if (!script_.places.emplace(std::pair(what->what, what->number), script_.tree.size())
                  .second)
             return false;
@@ -89,6 +96,8 @@ private:
             return numbered(kind::tree_class, hexadecimal(w[7], "1:0x"),
                             hexadecimal(w[5], "1:0x").has_value());
         if (opens_with(w, {"qdisc", "add", "dev", ifname_, "parent", "*", "handle", "*", "*"})) {
+            // By the library's rule the leaf of class 1:10 has the handle 100:. plan.cpp computes
+            // with that, so a script with another handle is refused.
             const auto handle = hexadecimal(w[5], "1:0x");
             return numbered(kind::leaf, handle,
                             handle && hexadecimal(w[7], "0x", ":") == *handle * 16);
@@ -106,9 +115,11 @@ private:
         return object{what, *number, ""};
     }
 
-    // Making and emptying the chains is left to what loads the rules.
+    // Keeps the rules and jumps that are added. Commands that make, empty or delete the chains are
+    // checked but not kept: lines_to_load() and lines_to_replace() write their own.
     bool take_rule(string text)
     {
+        // A redirection is the shell's work; iptables-restore would refuse it as an argument.
         constexpr std::string_view silence = " 2>/dev/null";
         if (text.ends_with(silence)) text.resize(text.size() - silence.size());
         const words w = words_of(text);
@@ -125,6 +136,7 @@ private:
         return w[0] == "-A" || w[0] == "-D";
     }
 
+    // A second queue length refuses the script, as a second root does.
     bool take_queue_length(const string &text)
     {
         const words w = words_of(text);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// Owns the files of /var/run/mordel: NAME.toml, NAME.start and NAME.rules for each interface. Who
-// writes them holds the lock (lock.h); `status` reads them without it, and so each file is replaced
-// in one step.
+// Owns the files of /var/run/mordel: NAME.toml, NAME.start and NAME.rules for each interface. apply
+// and stop write the files under the lock (lock.h). `status` reads them without the lock: so each
+// file is replaced by a rename, and no reader meets half a file.
 
 #include "state.h"
 
@@ -31,6 +31,8 @@ string state_folder::make() const
 {
     if (::mkdir(path_.c_str(), 0755) != 0 && errno != EEXIST)
         return format("cannot make %s: %s", path_.c_str(), std::strerror(errno));
+    // lstat: a link in the folder's place, or a folder of another user, would let that user choose
+    // the files that root reads and replaces.
     struct stat st {};
     if (::lstat(path_.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != ::geteuid())
         return path_ + " is no folder of ours";
@@ -39,7 +41,7 @@ string state_folder::make() const
 
 std::optional<string> state_folder::read_part(const string &ifname, const char *part) const
 {
-    // O_NONBLOCK: opening a pipe that somebody put there would wait for its writer.
+    // O_NONBLOCK: the open of a named pipe in the file's place would wait for a writer.
     const int fd = ::open(file(ifname, part).c_str(),
                           O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
     const mordel::stream_guard in(fd < 0 ? nullptr : ::fdopen(fd, "r"));
@@ -57,6 +59,7 @@ bool state_folder::write_part(const string &ifname, const char *part,
     if (!text) return ::unlink(path.c_str()) == 0 || errno == ENOENT;
     const string fresh = path + ".new";
     const mordel::stream_guard out(std::fopen(fresh.c_str(), "we"));
+    // No fsync: nothing here is asked for after a crash of the machine (see state.h).
     if (out && std::fwrite(text->data(), 1, text->size(), out.get()) == text->size() &&
         std::fflush(out.get()) == 0 && std::rename(fresh.c_str(), path.c_str()) == 0)
         return true;
@@ -71,6 +74,7 @@ memory state_folder::read(const string &ifname) const
 
 bool state_folder::write(const string &ifname, const memory &m) const
 {
+    // NAME.toml comes after the script: interfaces() counts an interface by its NAME.toml.
     if (write_part(ifname, "start", m.script) && write_part(ifname, "toml", m.policy) &&
         write_part(ifname, "rules", m.rules))
         return true;
@@ -86,7 +90,7 @@ void state_folder::forget(const string &ifname) const
 std::vector<string> state_folder::interfaces() const
 {
     std::vector<string> names;
-    std::error_code none;  // no folder: nothing was applied
+    std::error_code none;  // swallows a missing folder: nothing was applied since the boot
     for (const auto &entry : std::filesystem::directory_iterator(path_, none))
         if (entry.path().extension() == ".toml") names.push_back(entry.path().stem().string());
     std::sort(names.begin(), names.end());

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What was applied last, by interface, kept until the next boot.
+// Remembers, for each interface, the policy that was applied last, until the next boot.
 #pragma once
 
 #include <optional>
@@ -8,11 +8,12 @@
 
 namespace tool {
 
-// Of one interface. Each part is a file of its own, and may be missing.
+// The memory of one interface. Each part is a file of its own, and may be missing.
 struct memory {
-    std::optional<std::string> policy;  // the text of the file
-    std::optional<std::string> script;  // the start script that came of it
-    std::optional<std::string> rules;   // its lines of `iptables -S`, where they cannot be foretold
+    std::optional<std::string> policy;  // the policy file's text
+    std::optional<std::string> script;  // the start script rendered from that policy
+    // Its lines of `iptables -S` after the load, on kernels without a namespace to try rules in
+    std::optional<std::string> rules;
 };
 
 class state_folder {
@@ -21,14 +22,15 @@ public:
 
     const std::string &path() const { return path_; }
 
-    // Makes the folder where it is missing; "" or why it cannot be had.
+    // Makes the folder if it is missing. "", or why there is no folder that we may trust.
     std::string make() const;
 
     memory read(const std::string &ifname) const;
-    // All of it or nothing: after a failure nothing is remembered of the interface.
+    // Writes all parts, and removes the file of an absent one. After a failure nothing is
+    // remembered of the interface.
     bool write(const std::string &ifname, const memory &m) const;
     void forget(const std::string &ifname) const;
-    std::vector<std::string> interfaces() const;  // of which a policy is remembered, sorted
+    std::vector<std::string> interfaces() const;  // those with a remembered policy, sorted
 
 private:
     std::string file(const std::string &ifname, const char *part) const;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Owns the live view: two looks at the kernel give the rates, and the plan that apply would run
-// gives what differs from the policy. Nothing is changed.
+// Owns the live view. The rates come from two looks at the kernel's byte counters. The differences
+// come from the same comparison that apply plans by. Changes nothing.
 
 #include "status.h"
 
@@ -22,13 +22,15 @@ namespace {
 
 using std::string;
 
-// What the kernel holds a class to; "" of a class that is of no kind of ours
+// The limits that the kernel enforces on a class; "" for a class of a kind that we do not know
 string limits_of(const live_class &c)
 {
     const root_kind *kind = find_root_kind(c.kind);
     return kind == nullptr || kind->classes == nullptr ? "" : kind->classes->live_limits(c);
 }
 
+// Adds a difference where the rules are known to differ, a note where nobody can tell: without a
+// namespace to try rules in, "not compared" is all that may be said.
 void compare_chains(const wanted &w, const chains_seen &chains, const memory &before,
                     interface_status &s)
 {
@@ -63,17 +65,21 @@ std::vector<class_status> class_rows(const live_tree &first, const live_tree &se
                                      double seconds, const std::vector<tree_class> &names)
 {
     std::vector<class_status> rows;
+    // A class that came between the looks has its row, without a rate; one that went has no row.
     for (const live_class &c : second.classes) {
         class_status row;
+        // The kernel's id is 0x10010 for 1:10; the policy's handle is its low half.
         row.handle = c.id & 0xffff;
         if (const tree_class *named = find_class(names, row.handle)) row.name = named->name;
         row.limits = limits_of(c);
         row.stats = c.stats;
         const live_class *before = first.find(c.id);
+        // A counter that fell belongs to a class made anew between the looks: no rate then.
         if (before != nullptr && c.stats.bytes >= before->stats.bytes && seconds > 0)
             row.bits = static_cast<double>(c.stats.bytes - before->stats.bytes) * 8 / seconds;
         rows.push_back(row);
     }
+    // The kernel lists classes in the order of its hash table.
     std::sort(rows.begin(), rows.end(),
               [](const auto &a, const auto &b) { return a.handle < b.handle; });
     return rows;
@@ -85,6 +91,8 @@ void compare_with(const wanted &w, const live_tree &live, const chains_seen &cha
     const plan p = plan_apply(w, live, chains, before);
     s.steps = p.steps;
     s.notes = p.notes;
+    // Only differences that are seen in the kernel. The steps may hold more: those for parameters
+    // that no dump shows, found by the remembered script.
     for (const difference &d : compare(w.iface, live)) s.differences.push_back(difference_text(d));
     compare_chains(w, chains, before, s);
 }
@@ -98,6 +106,7 @@ std::optional<interface_status> look_at(const string &ifname, const wanted *w,
     std::this_thread::sleep_for(std::chrono::duration<double>(o.seconds));
     const auto second = read_kernel(ifname, why);
     if (!second) return std::nullopt;
+    // The time that really passed, not o.seconds: a busy router wakes us late.
     const double passed =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 
@@ -106,6 +115,8 @@ std::optional<interface_status> look_at(const string &ifname, const wanted *w,
     s.root = second->root() == nullptr ? "default" : second->root()->kind;
     s.policy_known = w != nullptr;
     if (w != nullptr)
+        // After both looks, for trying the rules takes processes: their time would lengthen the
+        // interval.
         compare_with(*w, *second, look_at_chains(iptables(ifname, o.wait), *w),
                      state_folder().read(ifname), s);
     s.classes = class_rows(*first, *second, passed,
@@ -118,6 +129,7 @@ string status_text(const interface_status &s, const look &how)
     const char *bold = how.colour ? "\033[1m" : "";
     const char *red = how.colour ? "\033[31m" : "";
     const char *plain = how.colour ? "\033[0m" : "";
+    // harmless: an interface's name may hold escape sequences, which a terminal would obey.
     string out = format("%s%s%s  %s\n", bold, harmless(s.name).c_str(), plain, headline(s).c_str());
     for (const string &d : s.differences) out += format("  %s%s%s\n", red, d.c_str(), plain);
     for (const string &n : s.notes) out += "  (" + n + ")\n";
@@ -154,6 +166,7 @@ string status_json(const std::vector<interface_status> &all)
                                       {"backlog_packets", c.stats.waiting}});
         out["interfaces"].push_back(one);
     }
+    // replace: an interface's name may be no UTF-8, and dump would throw.
     return out.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }
 

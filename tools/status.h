@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The kernel's live classes beside the policy.
+// Shows the kernel's live classes beside the policy.
 #pragma once
 
 #include <string>
@@ -14,18 +14,18 @@ namespace tool {
 struct class_status {
     u32 handle = 0;
     std::string name;    // "" where the policy has none
-    std::string limits;  // what the kernel holds it to, "2mbit to 20mbit"
-    double bits = 0;     // per second, over the interval
-    live_stats stats;    // at its end
+    std::string limits;  // those that the kernel enforces, "2mbit to 20mbit"
+    double bits = 0;     // bit/s, over the time between the two looks
+    live_stats stats;    // at the second look
 };
 
 struct interface_status {
     std::string name;
-    std::string root;  // "htb"; "default" where nobody put one
+    std::string root;  // "htb"; "default" for the kernel's own root qdisc
     bool policy_known = false;
-    std::vector<std::string> differences;  // from the policy
-    std::vector<std::string> notes;        // what could not be looked at
-    std::vector<step> steps;               // that apply would take
+    std::vector<std::string> differences;  // of the kernel's tree and rules from the policy
+    std::vector<std::string> notes;        // parts that could not be compared, and why
+    std::vector<step> steps;               // that apply would run
     std::vector<class_status> classes;
 };
 
@@ -34,16 +34,16 @@ struct status_options {
     unsigned wait = 10;  // for the lock of iptables
 };
 
-// Looks at an interface twice. w: null when no policy is known. None when the kernel does not
-// answer; `why` says so.
+// Looks at an interface twice, o.seconds apart. w: null when no policy is known. None, and the
+// reason in `why`, when the interface is missing or the kernel does not answer.
 std::optional<interface_status> look_at(const std::string &ifname, const wanted *w,
                                         const status_options &o, std::string &why);
 
-// The class rows of two looks, so many seconds apart
+// The class rows of two looks. seconds: the time between the looks; 0 gives no rates.
 std::vector<class_status> class_rows(const live_tree &first, const live_tree &second,
                                      double seconds, const std::vector<tree_class> &names);
 
-// Beside the policy: what differs, and what apply would do
+// Fills in the differences from the policy, the notes, and the steps that apply would run.
 void compare_with(const wanted &w, const live_tree &live, const chains_seen &chains,
                   const memory &before, interface_status &s);
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Owns the two batch forms: `tc -batch -` and `iptables-restore --noflush`, one process each, and
-// the reading of what they say when they refuse.
+// Owns the two batch forms, `tc -batch -` and `iptables-restore --noflush`, one process each, and
+// the reading of their messages: which command was refused, and which line of the script it is.
 
 #include "steps.h"
 
@@ -33,11 +33,12 @@ step_failure missing(const char *program)
 
 void blame(step_failure &f, const char *program, const step &s)
 {
+    // The library writes blanks behind some commands; a person would not type them.
     f.command = program + s.command.substr(0, s.command.find_last_not_of(' ') + 1);
     f.line = s.line;
 }
 
-// "iptables-restore: line 7 failed": the 7, or 0
+// The 7 of "iptables-restore: line 7 failed"; 0 when no line is named
 std::size_t line_named(const string &said)
 {
     const std::size_t at = said.find("line");
@@ -46,12 +47,15 @@ std::size_t line_named(const string &said)
     return std::strtoul(said.c_str() + digits, nullptr, 10);
 }
 
-// iptables-restore names a line of its input, or that of COMMIT when it was the kernel.
+// Finds the rule that iptables-restore refused. A rule that it cannot parse is named by its line in
+// the input. A rule that the kernel refuses shows only at the end, and the line named is COMMIT's:
+// the rules are then tried one by one.
 void blame_rule(const iptables &tables, const std::vector<const step *> &loaded, const string &said,
                 step_failure &f)
 {
     constexpr char program[] = "iptables -t mangle ";
     const std::size_t number = line_named(said);
+    // Wraps around for a number below the first line; the next test drops that.
     const std::size_t index = number - first_restore_line;
     if (number >= first_restore_line && index < loaded.size() && loaded[index]->line != 0)
         return blame(f, program, *loaded[index]);
@@ -65,7 +69,8 @@ void blame_rule(const iptables &tables, const std::vector<const step *> &loaded,
     if (const auto first = tables.first_refused(commands)) blame(f, program, *added[*first]);
 }
 
-// Who said it, and a line of an input that nobody sees, help nobody.
+// A message of iptables-restore without its opening "iptables-restore v1.8.9: ". "line 7 failed"
+// counts lines of an input that no user sees: where the command is known, "refused" stands instead.
 string without_opening(const string &said, bool command_known)
 {
     const bool names_line =
@@ -94,6 +99,7 @@ std::optional<step_failure> run_tc(const std::vector<step> &steps)
     const run_result tc = run({"tc", "-batch", "-"}, input);
     if (tc.ok()) return std::nullopt;
     if (tc.missing) return missing("tc");
+    // tc ends at the first refused line, and names it behind its message: "Command failed -:7".
     constexpr std::string_view sign = "Command failed -:";
     const std::size_t at = tc.err.rfind(sign);
     step_failure f{failure::refused, "", "tc: " + brief(tc.err.substr(0, at)), "", 0};

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Owns the way back: an interface on its default qdisc, no chain of ours in the mangle table, and
-// nothing remembered.
+// Owns the way back: an interface on its default qdisc, none of its chains in the mangle table, and
+// nothing remembered in the state folder.
 
 #include "stop.h"
 
@@ -24,7 +24,7 @@ outcome failed(outcome out, const string &why)
     return out;
 }
 
-// One half that fails is no reason to leave the other.
+// Removes tree and rules. Each is tried even when the other fails: what is left is then less.
 outcome run_stop(outcome out, const iptables &tables, const chains_seen &chains)
 {
     string why;
@@ -45,6 +45,8 @@ outcome stop_interface(const string &name, const stop_options &o)
     out.name = name;
     string no_tree;
     const auto live = read_kernel(name, no_tree);
+    // An interface that has gone takes its tree with it, but its chains and files stay: stop
+    // removes those. A kernel that gives no answer about a present interface is a failure.
     const bool gone = !live && ::if_nametoindex(name.c_str()) == 0;
     if (!live && !gone) return failed(out, no_tree);
     const iptables tables(name, o.wait);
@@ -55,6 +57,7 @@ outcome stop_interface(const string &name, const stop_options &o)
     out.steps = p.steps;
     out.notes = p.notes;
     const state_folder state;
+    // No interface, no chains, nothing remembered: most likely a name that was mistyped.
     if (gone && p.steps.empty() && !state.read(name).script) return failed(out, no_tree);
     if (o.dry_run) return out;
     out = run_stop(out, tables, chains);
@@ -79,10 +82,11 @@ bool take_back(const string &ifname, const iptables &tables, string &why)
     if (live && live->root() != nullptr) {
         const run_result tc = run({"tc", "qdisc", "del", "dev", ifname, "root"});
         why = "tc: " + brief(tc.err);
+        // The kernel decides, not tc's exit status: a tree that is gone is gone.
         const auto after = read_kernel(ifname, why);
         clean = after && after->root() == nullptr;
     }
-    // Where there is no iptables there is no chain of ours either.
+    // Without iptables no chain can have been made, and so none has to be removed.
     if (!is_on_path("iptables")) return clean;
     const auto chains = tables.list(why);
     return chains && tables.remove(*chains, why) && clean;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A policy taken away.
+// Takes a policy away from its interfaces.
 #pragma once
 
 #include <string>
@@ -16,11 +16,12 @@ struct stop_options {
     unsigned wait = 10;    // seconds for each lock
 };
 
-// Every interface, also behind one that fails. Call with the lock held.
+// Stops every interface of the policy, also after one that failed. The caller holds the lock
+// (lock.h), except for a dry run.
 std::vector<outcome> stop_policy(const policy &p, const stop_options &o);
 
-// Puts an interface back on its default qdisc and takes its chains away, whatever there is. False,
-// with why, when something stays.
+// Puts an interface back on its default qdisc and deletes its chains, whoever made them. False, and
+// the reason in `why`, when a root qdisc or a chain stays.
 bool take_back(const std::string &ifname, const iptables &tables, std::string &why);
 
 }  // namespace tool

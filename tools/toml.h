@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// toml++, with errors as results, and where its nodes stand. Its definitions are compiled once, in
-// toml.cpp.
+// toml++, and where its nodes stand. Parse errors are results, not exceptions. The definitions are
+// compiled once, in toml.cpp: in every file they would be compiled anew.
 #pragma once
 
 #define TOML_EXCEPTIONS 0

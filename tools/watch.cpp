@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The library's monitor samples in a thread of its own; this draws what it holds.
+// Owns the terminal while `watch` runs. The library's monitor samples the interfaces in a thread of
+// its own; the main thread copies its histories under the monitor's lock and draws them.
 #include "watch.h"
 
 #include <net/if.h>
@@ -28,21 +29,27 @@ namespace {
 using std::string;
 using clock = std::chrono::steady_clock;
 
+// A signal only sets a flag: the terminal must be put right, and the monitor's semaphore removed,
+// which as a System V object would outlive the process.
 volatile std::sig_atomic_t signalled = 0;
 void on_signal(int) { signalled = 1; }
 
-// A terminal that takes single keys and shows one picture after the other, until it is left
+// Has the terminal deliver single keys and shows one picture after the other; the destructor
+// restores keys, cursor and what stood on the screen before.
 class screen {
 public:
     screen()
     {
         if (::tcgetattr(STDIN_FILENO, &before_) == 0) {
             termios keys = before_;
+            // Without ICANON a "q" comes without Enter; without ECHO it does not blot the picture.
             keys.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
-            // A program that is suspended or dumps core would leave the picture behind.
+            // Ctrl-Z and Ctrl-\ off: a suspended or dumped process runs no destructor. The shell
+            // would be left on the second screen, without cursor or echo.
             keys.c_cc[VSUSP] = keys.c_cc[VQUIT] = _POSIX_VDISABLE;
             keys_ = ::tcsetattr(STDIN_FILENO, TCSANOW, &keys) == 0;
         }
+        // 1049h: the terminal's second screen; 25l: no cursor. The destructor undoes both.
         std::fputs("\033[?1049h\033[?25l", stdout);
     }
     screen(const screen &) = delete;
@@ -64,6 +71,8 @@ public:
 
     static void draw(const std::vector<string> &rows)
     {
+        // Drawn over the old picture and each line's rest erased (K), then the rows below (J):
+        // clearing first would flicker.
         string picture = "\033[H";
         for (const string &row : rows) picture += row + "\033[K\r\n";
         picture += "\033[J";
@@ -84,7 +93,8 @@ struct rates {
 // The registry outlives main: its thread is detached and may look at it until the process ends.
 bm_list registry;
 
-// The histories, read under the monitor's own lock
+// A copy of the histories, made under the monitor's lock, for the thread changes the lists. No
+// slow terminal is written to while the lock is held.
 std::vector<rates> histories()
 {
     std::vector<rates> all;
@@ -102,6 +112,7 @@ std::vector<rates> histories()
     return all;
 }
 
+// Samples are in bytes/s, shown rates in bit/s.
 string rate_of(const std::vector<u64> &list)
 {
     return list.empty() ? "-" : measured_rate(static_cast<double>(list.back()) * 8);
@@ -113,12 +124,13 @@ string peak_of(const std::vector<u64> &list)
     return measured_rate(static_cast<double>(most) * 8);
 }
 
-// The monitor keeps the last rates of an interface that has gone.
+// The monitor keeps the last rates of an interface that has gone: shown, they would look alive.
 bool is_gone(const string &name) { return ::if_nametoindex(name.c_str()) == 0; }
 
 std::vector<string> picture(const watch_options &o, const look &how)
 {
     std::vector<string> rows = {format("every %us; q quits", o.interval), ""};
+    // Names, rate and peak take 36 columns of a row. At least 8 cells are drawn, at most 120.
     const std::size_t cells =
         std::min<std::size_t>(screen::width() > 50 ? screen::width() - 48 : 8, 120);
     for (const rates &r : histories()) {
@@ -141,6 +153,7 @@ void print_lines(const watch_options &o)
 {
     using json = nlohmann::ordered_json;
     for (const rates &r : histories()) {
+        // No history yet: the monitor needs two samples for a rate.
         if (r.rx.empty() || is_gone(r.name)) continue;
         const json one = {
             {"name", r.name}, {"in_bit", r.rx.back() * 8}, {"out_bit", r.tx.back() * 8}};
@@ -152,14 +165,15 @@ void print_lines(const watch_options &o)
     }
 }
 
-// Until a moment; true when the user wants an end.
+// Waits until a moment, or for the user: true when a signal or q asks for the end.
 bool wait_until(clock::time_point until, bool keys)
 {
     while (signalled == 0) {
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(until - clock::now()).count();
         if (left <= 0) return false;
-        // In slices: a signal in front of poll does not interrupt it.
+        // 200 ms at most: a signal between the test of `signalled` and poll interrupts nothing, and
+        // would be noticed only at the end of an interval of up to 255 s.
         pollfd in{keys ? STDIN_FILENO : -1, POLLIN, 0};
         if (::poll(&in, 1, static_cast<int>(std::min<decltype(left)>(left, 200))) <= 0) continue;
         char key = 0;
@@ -173,6 +187,7 @@ bool wait_until(clock::time_point until, bool keys)
 
 bool start_monitor(const watch_options &o)
 {
+    // IPC_PRIVATE: a semaphore without a key, which no other program can meet.
     if (init_bm(&registry, IPC_PRIVATE, static_cast<u8>(o.interval), 1) != 1) {
         std::fprintf(stderr, "mordel: no semaphore for the monitor: %s\n", std::strerror(errno));
         return false;
@@ -183,7 +198,7 @@ bool start_monitor(const watch_options &o)
     return false;
 }
 
-// A reader of the output who has enough is no failure.
+// The status after a failed write. EPIPE is success: `watch | head` ends when head has enough.
 int ended_by(int error)
 {
     if (error == EPIPE) return 0;
@@ -191,13 +206,14 @@ int ended_by(int error)
     return 1;
 }
 
-// As often as asked, or until the user or the reader of the output has enough
+// Shows o.count samples, or goes on until q, a signal, a closed output or the last interface's end.
 int show_samples(const watch_options &o, const look &how, bool terminal)
 {
     std::optional<screen> drawing;
     if (terminal) drawing.emplace();
     const bool keys = drawing && drawing->keys();
-    // A little behind the monitor's own samples
+    // 100 ms behind the monitor's own samples: at the same moment the newest sample would be in one
+    // picture and miss the next.
     auto next = clock::now() + std::chrono::milliseconds(100);
     if (drawing) screen::draw(picture(o, how));
     for (unsigned shown = 0; o.count == 0 || shown < o.count; ++shown) {
@@ -205,6 +221,7 @@ int show_samples(const watch_options &o, const look &how, bool terminal)
         next += std::chrono::seconds(o.interval);
         if (wait_until(next, keys)) break;
         if (std::all_of(o.names.begin(), o.names.end(), is_gone)) {
+            // The message would vanish with the second screen.
             drawing.reset();
             std::fprintf(stderr, "mordel: nothing is left to watch\n");
             return 1;
@@ -221,6 +238,8 @@ int show_samples(const watch_options &o, const look &how, bool terminal)
 
 string sparkline(const std::vector<u64> &list, std::size_t cells, bool utf8)
 {
+    // Scaled to the highest rate shown, not to the link's: a small flow has a shape too. Level 0 is
+    // a low block, so that an idle interface has a line and not a gap.
     static const char *const blocks[] = {"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
     static const char *const signs[] = {"_", ".", ":", "-", "=", "+", "*", "#"};
     const std::size_t first = list.size() > cells ? list.size() - cells : 0;
@@ -244,10 +263,12 @@ int watch(const watch_options &o, const look &how)
         std::fprintf(stderr, "mordel: there is no interface %s\n", tool::quoted(name).c_str());
         return 1;
     }
+    // No SA_RESTART: a signal interrupts poll and the end comes at once.
     struct sigaction action {};
     action.sa_handler = on_signal;
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2, SIGALRM})
         (void)::sigaction(number, &action, nullptr);
+    // Ignored: the write fails with EPIPE instead, and the semaphore is still removed.
     (void)std::signal(SIGPIPE, SIG_IGN);
     if (!start_monitor(o)) return 1;
     const bool terminal = !o.json && ::isatty(STDOUT_FILENO) == 1;
