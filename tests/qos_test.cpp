@@ -46,7 +46,7 @@ TEST_F(QosNames, EachTableHoldsItsRowsInOrder)
             EXPECT_EQ(text, TxtMapById(row.table, id));
             EXPECT_EQ(id, id == -1 ? -1 : TxtMapByTxt(row.table, text.c_str()));
         }
-        EXPECT_STREQ("Unknown", TxtMapById(row.table, 4));
+        EXPECT_STREQ("Unknown", TxtMapById(row.table, static_cast<int>(row.expected.size()) - 1));
     }
 }
 

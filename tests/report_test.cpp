@@ -204,7 +204,7 @@ TEST_F(TreeReport, HtbInterface)
     add(65535, 7, htb(10, 20, 30, 40, 1));
     set_leaf(7, test::pfifo(most));
     add(101, 4095);
-    set_leaf(4095, unknown_leaf(4));
+    set_leaf(4095, unknown_leaf(mordel::leaf_types));
     add(0, 5, htb(5, 6, 7, 8, 9));
     add(5, 6, htb(60, 61, 62, 63, 64));
     set_leaf(6, sfq(255));
@@ -464,7 +464,7 @@ TEST_F(TreeReport, LeafLines)
         {tbf(1, 2, 3), leaf_line("leaf qdisc:      L_TBF 1 ms, 2 kbps, 3 byte")},
         {tbf(most, most - 1, most - 2),
          leaf_line("leaf qdisc:      L_TBF 4294967295 ms, 4294967294 kbps, 4294967293 byte")},
-        {unknown_leaf(4), no_such_leaf},
+        {unknown_leaf(mordel::leaf_types), no_such_leaf},
         {unknown_leaf(256), no_such_leaf},
         {unknown_leaf(0x80000000), no_such_leaf},
         {unknown_leaf(most), no_such_leaf},

@@ -176,7 +176,7 @@ TEST_F(TcText, LeavesOfEachType)
 
 TEST_F(TcText, ALeafOfUnknownTypeLeavesItsLineOpen)
 {
-    for (const u32 type : {4U, 5U, 256U, 0xffffffffU}) {
+    for (const u32 type : {mordel::leaf_types, mordel::leaf_types + 1, 256U, 0xffffffffU}) {
         leaf_qdisc leaf{};
         std::memset(&leaf, 0x55, sizeof leaf);
         leaf.type = type;
@@ -548,7 +548,7 @@ TEST_F(TcScripts, AnUnknownLeafTypeIsStillAScript)
 {
     add_htb("eth0");
     leaf_qdisc leaf{};
-    leaf.type = 4;
+    leaf.type = mordel::leaf_types;
     set_leaf("eth0", 3, leaf);
     EXPECT_EQ(1, start_qos("eth0"));
     EXPECT_EQ((traces{unknown_leaf}), test::console());

@@ -383,6 +383,8 @@ constexpr named day_words[] = {{"Sun", 0}, {"Mon", 1}, {"Tue", 2}, {"Wed", 3},
 constexpr named root_words[] = {
     {"pfifo_fast", R_pfifo_fast}, {"htb", R_HTB}, {"hfsc", R_HFSC}, {"prio", R_PRIO}};
 constexpr named leaf_words[] = {{"pfifo", L_pfifo}, {"sfq", L_SFQ}, {"red", L_RED}, {"tbf", L_TBF}};
+static_assert(std::size(leaf_words) == mordel::leaf_types, "a word for each L_…");
+static_assert(std::size(root_words) == mordel::root_types, "a word for each R_…");
 
 constexpr char alphanumerics[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
 
@@ -768,7 +770,7 @@ private:
     void add_leaf(table &entry, u32 handle)
     {
         leaf_qdisc leaf{};
-        leaf.type = d_.below(4);
+        leaf.type = d_.below(mordel::leaf_types);
         const char *type = leaf_words[leaf.type].name;
         table t = sub(entry, "leaf", type);
         put(t, "type", word(d_, type));
