@@ -53,10 +53,7 @@ std::optional<string> in_own_namespace(const std::function<std::optional<string>
     while (::waitpid(child, &status, 0) < 0)
         if (errno != EINTR) return std::nullopt;
     if (status != 0) return std::nullopt;
-    string text;
-    std::rewind(answer.get());
-    for (int c = 0; (c = std::fgetc(answer.get())) != EOF;) text += static_cast<char>(c);
-    return text;
+    return contents(answer.get());
 }
 
 }  // namespace

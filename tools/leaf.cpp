@@ -5,12 +5,11 @@
 
 #include <linux/pkt_sched.h>
 
-#include <algorithm>
-#include <array>
 #include <bit>
 #include <cmath>
 #include <nlohmann/json.hpp>
 
+#include "kinds.h"
 #include "tarnic_qos.h"
 #include "text.h"
 
@@ -282,13 +281,7 @@ constexpr leaf_kind kinds[] = {
 // clang-format on
 
 static_assert(std::size(kinds) == mordel::leaf_types, "a row for each L_…, and no other");
-static_assert(
-    [] {
-        for (u32 type = 0; type < std::size(kinds); ++type)
-            if (kinds[type].type != type) return false;
-        return true;
-    }(),
-    "the rows are in the order of their types");
+static_assert(are_by_type(kinds));
 
 }  // namespace
 
@@ -296,21 +289,11 @@ std::span<const leaf_kind> leaf_kinds() { return kinds; }
 
 const leaf_kind &kind_of(const leaf_qdisc &leaf) { return kinds[leaf.type]; }
 
-const leaf_kind *find_leaf_kind(std::string_view name)
-{
-    for (const leaf_kind &kind : kinds)
-        if (kind.name == name) return &kind;
-    return nullptr;
-}
+const leaf_kind *find_leaf_kind(std::string_view name) { return find_by_name(kinds, name); }
 
 value<leaf_qdisc> read_leaf(const toml::table &table, diagnostics &found)
 {
-    static constexpr auto names = [] {
-        std::array<std::string_view, std::size(kinds)> all;
-        std::transform(std::begin(kinds), std::end(kinds), all.begin(),
-                       [](const leaf_kind &kind) { return kind.name; });
-        return all;
-    }();
+    static constexpr auto names = names_of(kinds);
     // A kind's read tells of a fault by reporting it: more errors than before make the leaf wrong.
     const std::size_t before = found.errors();
     table_reader in(table, "a leaf", found);

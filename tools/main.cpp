@@ -19,6 +19,7 @@
 #include "guards.h"
 #include "lock.h"
 #include "policy_read.h"
+#include "process.h"
 #include "render.h"
 #include "report.h"
 #include "show.h"
@@ -57,14 +58,9 @@ void complain(const string &what) { std::fprintf(stderr, "mordel: %s\n", what.c_
 // The content of a file, or of standard input for "-"; none, with errno, when reading fails.
 std::optional<string> read_all(const string &path)
 {
-    mordel::stream_guard opened(path == "-" ? nullptr : std::fopen(path.c_str(), "re"));
-    FILE *in = path == "-" ? stdin : opened.get();
-    if (in == nullptr) return std::nullopt;
-    string text;
-    char piece[4096];
-    while (const std::size_t n = std::fread(piece, 1, sizeof piece, in)) text.append(piece, n);
-    if (std::ferror(in) != 0) return std::nullopt;
-    return text;
+    if (path == "-") return read_rest(STDIN_FILENO);
+    const mordel::fd_guard file{::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
+    return file ? read_rest(file.get()) : std::nullopt;
 }
 
 // FILE:LINE:COLUMN: as compilers write it, so that editors jump to the place.

@@ -22,21 +22,6 @@
 namespace tool {
 namespace {
 
-std::string contents(FILE *stream)
-{
-    std::string text;
-    std::array<char, 4096> piece{};
-    // pread at an offset of our own: the child's writes have moved the shared one to the end.
-    off_t at = 0;
-    for (;;) {
-        const ssize_t n = ::pread(::fileno(stream), piece.data(), piece.size(), at);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return text;
-        text.append(piece.data(), static_cast<std::size_t>(n));
-        at += n;
-    }
-}
-
 bool fill(FILE *stream, const std::string &text)
 {
     // Back to the start, for the child reads from the offset that both share.
@@ -89,6 +74,26 @@ std::optional<pid_t> spawn(const std::vector<std::string> &command,
 
 }  // namespace
 
+std::optional<std::string> read_rest(int fd)
+{
+    std::string text;
+    std::array<char, 4096> piece{};
+    for (;;) {
+        const ssize_t n = ::read(fd, piece.data(), piece.size());
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return std::nullopt;
+        if (n == 0) return text;
+        text.append(piece.data(), static_cast<std::size_t>(n));
+    }
+}
+
+std::optional<std::string> contents(FILE *file)
+{
+    // By the descriptor: the child's writes have moved its offset, which both share, to the end.
+    if (::lseek(::fileno(file), 0, SEEK_SET) != 0) return std::nullopt;
+    return read_rest(::fileno(file));
+}
+
 mordel::stream_guard make_temporary()
 {
     // Kernels before 3.17 know no memfd_create: a deleted file in /tmp then.
@@ -125,8 +130,8 @@ run_result run(const std::vector<std::string> &command, const std::string &input
     result.missing = !child;
     if (!child) return result;
     result.status = wait_for(*child, seconds);
-    result.out = contents(out.get());
-    result.err = contents(err.get());
+    result.out = contents(out.get()).value_or("");
+    result.err = contents(err.get()).value_or("");
     return result;
 }
 

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <csignal>
+#include <cstdio>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,6 +30,11 @@ run_result run(const std::vector<std::string> &command, const std::string &input
 
 // A file without a name, in memory where the kernel can; null when there is no room.
 mordel::stream_guard make_temporary();
+
+// All that is left to read of a descriptor; nullopt, with errno, when a read fails.
+std::optional<std::string> read_rest(int fd);
+// All of a file that a child may have written to; nullopt when it cannot be read.
+std::optional<std::string> contents(FILE *file);
 
 // While one lives, the signals by which a terminal or a supervisor ends or suspends a program are
 // blocked: an apply that has begun is finished, or taken back, before the signal takes effect.

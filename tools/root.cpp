@@ -6,9 +6,9 @@
 #include <linux/pkt_sched.h>
 
 #include <algorithm>
-#include <array>
 #include <nlohmann/json.hpp>
 
+#include "kinds.h"
 #include "tarnic_qos.h"
 #include "text.h"
 #include "tree.h"
@@ -354,21 +354,10 @@ constexpr root_kind kinds[] = {
 };
 // clang-format on
 
-constexpr auto names = [] {
-    std::array<std::string_view, std::size(kinds)> all;
-    std::transform(std::begin(kinds), std::end(kinds), all.begin(),
-                   [](const root_kind &kind) { return kind.name; });
-    return all;
-}();
+constexpr auto names = names_of(kinds);
 
 static_assert(std::size(kinds) == mordel::root_types, "a row for each R_…, and no other");
-static_assert(
-    [] {
-        for (u32 type = 0; type < std::size(kinds); ++type)
-            if (kinds[type].type != type) return false;
-        return true;
-    }(),
-    "the rows are in the order of their types");
+static_assert(are_by_type(kinds));
 
 }  // namespace
 
@@ -376,11 +365,6 @@ std::span<const root_kind> root_kinds() { return kinds; }
 std::span<const std::string_view> root_names() { return names; }
 const root_kind &kind_of(const policy_interface &iface) { return kinds[iface.root_type]; }
 
-const root_kind *find_root_kind(std::string_view name)
-{
-    for (const root_kind &kind : kinds)
-        if (kind.name == name) return &kind;
-    return nullptr;
-}
+const root_kind *find_root_kind(std::string_view name) { return find_by_name(kinds, name); }
 
 }  // namespace tool

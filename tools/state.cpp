@@ -16,6 +16,7 @@
 #include <filesystem>
 
 #include "guards.h"
+#include "process.h"
 #include "text.h"
 
 namespace tool {
@@ -42,14 +43,11 @@ string state_folder::make() const
 std::optional<string> state_folder::read_part(const string &ifname, const char *part) const
 {
     // O_NONBLOCK: the open of a named pipe in the file's place would wait for a writer.
-    const int fd = ::open(file(ifname, part).c_str(),
-                          O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
-    const mordel::stream_guard in(fd < 0 ? nullptr : ::fdopen(fd, "r"));
+    const mordel::fd_guard fd{::open(file(ifname, part).c_str(),
+                                     O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC)};
     struct stat st {};
-    if (!in || ::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
-    string text;
-    for (int c = 0; (c = std::fgetc(in.get())) != EOF;) text += static_cast<char>(c);
-    return text;
+    if (!fd || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
+    return read_rest(fd.get());
 }
 
 bool state_folder::write_part(const string &ifname, const char *part,
