@@ -79,8 +79,8 @@ std::string shell_syntax(const std::string &path);
 // Runs a shell command that must succeed; what it said is shown when it does not.
 void shell(const std::string &command);
 
-// Waits, at most two minutes, until something holds. False when it never did. Far longer than a busy
-// machine takes: what fails here is broken, not slow.
+// Waits, at most two minutes, until something holds. False when it never did. Far longer than a
+// busy machine takes: what fails here is broken, not slow.
 bool eventually(const std::function<bool()> &holds);
 
 // The descriptors that this process has open.
