@@ -269,13 +269,13 @@ json tbf_json(const leaf_qdisc &leaf)
 
 // clang-format off
 constexpr leaf_kind kinds[] = {
-    {L_pfifo, "pfifo", true,
+    {"pfifo", L_pfifo, true,
      read_pfifo, no_check, pfifo_from_kernel, compare_pfifo, pfifo_text, pfifo_json},
-    {L_SFQ, "sfq", false,  // the kernel changes no SFQ: it is removed and added
+    {"sfq", L_SFQ, false,  // the kernel changes no SFQ: it is removed and added
      read_sfq, no_check, sfq_from_kernel, compare_sfq, sfq_text, sfq_json},
-    {L_RED, "red", true,
+    {"red", L_RED, true,
      read_red, check_red, red_from_kernel, compare_red, red_text, red_json},
-    {L_TBF, "tbf", true,
+    {"tbf", L_TBF, true,
      read_tbf, check_tbf, tbf_from_kernel, compare_tbf, tbf_text, tbf_json},
 };
 // clang-format on

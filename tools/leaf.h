@@ -16,8 +16,8 @@
 namespace tool {
 
 struct leaf_kind {
-    u32 type;               // leaf_qdisc.type
     std::string_view name;  // in policies, and the kernel's own
+    u32 type;               // leaf_qdisc.type
     bool changeable;        // the kernel changes its options in place
     // A table { type = …, … } of this type
     leaf_qdisc (*read)(const toml::table &table, diagnostics &found);

@@ -339,16 +339,16 @@ void pfifo_fast_json(const policy_interface &iface, json &out)
 
 // clang-format off
 constexpr root_kind kinds[] = {
-    {R_pfifo_fast, "pfifo_fast", nullptr, false,
+    {"pfifo_fast", nullptr, R_pfifo_fast, false,
      read_pfifo_fast, no_check, no_automark, nothing_from_kernel, compare_pfifo_fast,
      pfifo_fast_text, no_default, pfifo_fast_json},
-    {R_HTB, "htb", &htb_class, true,
+    {"htb", &htb_class, R_HTB, true,
      read_htb, check_htb, classful_automark, htb_from_kernel, compare_classful,
      no_text, default_of, classful_json},
-    {R_HFSC, "hfsc", &hfsc_class, true,
+    {"hfsc", &hfsc_class, R_HFSC, true,
      read_hfsc, check_hfsc, classful_automark, hfsc_from_kernel, compare_classful,
      no_text, default_of, classful_json},
-    {R_PRIO, "prio", &prio_band, false,
+    {"prio", &prio_band, R_PRIO, false,
      read_prio, check_prio, prio_automark, prio_from_kernel, compare_prio,
      prio_text, no_default, prio_json},
 };

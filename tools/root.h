@@ -18,9 +18,9 @@
 namespace tool {
 
 struct root_kind {
-    u32 type;                   // qos_if.root_type
     std::string_view name;      // in policies, and the kernel's own
     const class_kind *classes;  // null: it has none
+    u32 type;                   // qos_if.root_type
     bool takes_classes;         // a policy adds some; else they are there with the root
     // The keys of an interface that belong to its root kind, and the classes that come with it
     void (*read)(table_reader &in, policy_interface &iface);
