@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Owns the names of an interface's chains and the lines about them that iptables prints and
-// iptables-restore takes. Pure: iptables.cpp runs the programs.
+// Owns the lines about an interface's chains that iptables prints and iptables-restore takes.
+// Pure: iptables.cpp runs the programs.
 
 #include "chains.h"
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Owns the names of an interface's chains, and how a command falls into words. Pure.
+// Owns the names of an interface's chains, the words of a command, and the words for what a command
+// is about. Pure: takes texts and records.
 #include "command.h"
 
 #include <sstream>
