@@ -125,11 +125,6 @@ std::vector<std::string> lines_of(const std::string &text)
     return out;
 }
 
-bool begins(std::string_view line, std::string_view with)
-{
-    return line.substr(0, with.size()) == with;
-}
-
 std::string one_line(std::string_view text)
 {
     std::string out(text);

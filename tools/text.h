@@ -21,7 +21,6 @@ __attribute__((format(printf, 1, 2))) std::string format(const char *pattern, ..
 std::string quoted(std::string_view text);
 
 std::vector<std::string> lines_of(const std::string &text);
-bool begins(std::string_view line, std::string_view with);
 
 // The text with a blank for each byte that is no printable ASCII
 std::string one_line(std::string_view text);
