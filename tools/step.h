@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: MIT
+// A step of a plan: one command of one program, what it is about, and why it is run.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "command.h"
+
+namespace tool {
+
+enum class program { tc, iptables_restore, ifconfig, start_script };
+
+struct step {
+    program by = program::tc;
+    std::string command;  // as the program takes it: a line of a batch, arguments, or its own path
+    object what;
+    unsigned line = 0;         // of the start script; 0: the script has no such command
+    std::string why;           // "rate is 3mbit, not 4mbit"
+    bool destructive = false;  // loses waiting packets, counters or rules of the kernel's
+};
+
+// The step as it is shown: "tc qdisc add ...", "iptables-restore: -A ..."
+std::string step_text(const step &s);
+
+// The commands of some steps, in their order
+std::vector<std::string> commands_of(const std::vector<step> &steps, program by);
+
+}  // namespace tool
