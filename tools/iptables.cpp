@@ -5,14 +5,7 @@
 
 #include "iptables.h"
 
-#include <sched.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <functional>
 
 #include "chains.h"
 #include "text.h"
@@ -28,32 +21,6 @@ lines texts_of(const std::vector<command> &commands)
     lines all;
     for (const command &c : commands) all.push_back(c.text);
     return all;
-}
-
-// Runs a body in a child process with a network namespace of its own, and gives the text that the
-// body returns; none when the body gives none or the kernel gives no namespace. A child, because
-// unshare would take this process away from the machine's interfaces for good. The answer comes by
-// a file that parent and child share.
-std::optional<string> in_own_namespace(const std::function<std::optional<string>()> &body)
-{
-    const auto answer = make_temporary();
-    if (!answer) return std::nullopt;
-    const pid_t child = ::fork();
-    if (child < 0) return std::nullopt;
-    if (child == 0) {
-        // _exit, here and below: exit would write our unwritten standard output a second time.
-        if (::unshare(CLONE_NEWNET) != 0) ::_exit(1);
-        const std::optional<string> text = body();
-        if (!text || std::fwrite(text->data(), 1, text->size(), answer.get()) != text->size() ||
-            std::fflush(answer.get()) != 0)
-            ::_exit(1);
-        ::_exit(0);
-    }
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0)
-        if (errno != EINTR) return std::nullopt;
-    if (status != 0) return std::nullopt;
-    return contents(answer.get());
 }
 
 }  // namespace
@@ -87,7 +54,7 @@ run_result iptables::restore(const lines &commands) const
 std::optional<lines> iptables::tried(const lines &commands) const
 {
     // A new namespace has an empty mangle table: the listing holds these rules and no others.
-    const auto text = in_own_namespace([&]() -> std::optional<string> {
+    const auto text = in_own_network([&]() -> std::optional<string> {
         if (!restore(commands).ok()) return std::nullopt;
         string why;
         const auto own = list(why);
@@ -101,7 +68,7 @@ std::optional<lines> iptables::tried(const lines &commands) const
 
 std::optional<std::size_t> iptables::first_refused(const lines &rules) const
 {
-    const auto text = in_own_namespace([&]() -> std::optional<string> {
+    const auto text = in_own_network([&]() -> std::optional<string> {
         // The rules name both chains, so that each -A would be refused without them.
         for (const string &chain : {rule_chain(ifname_), automark_chain(ifname_)})
             if (!run_one({"-N", chain}).ok()) return std::nullopt;

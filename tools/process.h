@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -49,5 +50,11 @@ public:
 private:
     sigset_t before_{};
 };
+
+// Runs a body in a child process with a network namespace of its own, and gives the text that the
+// body returns; none when the body gives none or the kernel gives no namespace. A child, because
+// unshare would take this process away from the machine's interfaces for good. The answer comes by
+// a file that parent and child share.
+std::optional<std::string> in_own_network(const std::function<std::optional<std::string>()> &body);
 
 }  // namespace tool
