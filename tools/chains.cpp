@@ -130,7 +130,9 @@ void exchange_rules(const string &chain, const lines &before, const rule_list &a
     // insertions from the first to the last: all in front of a place is filled when its turn comes.
     for (std::size_t i = before.size(); i-- > 0;) {
         if (stays[i]) continue;
-        const string rule = before[i].substr(std::string_view("-A ").size() + chain.size());
+        string rule = before[i].substr(std::string_view("-A ").size() + chain.size());
+        // The library writes blanks behind some commands.
+        rule.resize(rule.find_last_not_of(' ') + 1);
         out.deleted.push_back({line_without_script(format("-D %s %zu", chain.c_str(), i + 1)),
                                comes.contains(before[i]) ? "moved" : "not in the policy:" + rule});
     }

@@ -13,6 +13,7 @@ namespace tool {
 namespace {
 
 using std::string;
+using lines = std::vector<string>;
 
 string reason(rules_state state, const chains_seen &chains)
 {
@@ -36,20 +37,56 @@ string reason(rules_state state, const chains_seen &chains)
 // if it exists, and counts as destructive where the chains were not listed.
 bool takes_away(const command &c, const chains_seen &chains)
 {
-    if (c.text.front() != ':') return c.text[1] != 'A' && c.text[1] != 'N';
+    if (c.text.front() != ':') return c.text.find_first_of("AIN") != 1;
     if (chains.how != chains_seen::looked::listed) return true;
     const auto &all = chains.present;
     return std::find(all.begin(), all.end(), "-N " + c.what.chain) != all.end();
+}
+
+step restore_step(const command &c, const chains_seen &chains, const string &why)
+{
+    return {program::iptables_restore, c.text, c.what, c.line, why, takes_away(c, chains)};
 }
 
 std::vector<step> restore_steps(const std::vector<command> &commands, const chains_seen &chains,
                                 const string &why)
 {
     std::vector<step> steps;
-    for (const command &c : commands)
-        steps.push_back(
-            {program::iptables_restore, c.text, c.what, c.line, why, takes_away(c, chains)});
+    for (const command &c : commands) steps.push_back(restore_step(c, chains, why));
     return steps;
+}
+
+lines texts_of(const std::vector<command> &commands)
+{
+    lines all;
+    for (const command &c : commands) all.push_back(c.text);
+    return all;
+}
+
+// The rules that the script applied last has made, if they are those that the listing holds. The
+// kernel may list a rule in other words than a script's, so that script and listing cannot be
+// compared; two scripts can, where nobody has touched the chains since.
+std::optional<lines> remembered_rules(const wanted &w, const chains_seen &chains,
+                                      const memory &before)
+{
+    if (!before.script || !before.rules || lines_of(*before.rules) != chains.present)
+        return std::nullopt;
+    if (*before.script == w.text) return texts_of(w.script.rules);
+    const start_script then = parse_start_script(*before.script, w.iface.name);
+    return then.error.empty() ? std::optional(texts_of(then.rules)) : std::nullopt;
+}
+
+// The lines that exchange what differs; none where nobody can tell what does.
+std::optional<std::vector<exchanged_line>> exchange(const wanted &w, const chains_seen &chains,
+                                                    const memory &before)
+{
+    const std::vector<command> &rules = w.script.rules;
+    if (chains.expected)
+        return lines_to_exchange(rules, w.iface.name, chains.present, chains.present,
+                                 *chains.expected);
+    const auto then = remembered_rules(w, chains, before);
+    if (!then) return std::nullopt;
+    return lines_to_exchange(rules, w.iface.name, chains.present, *then, texts_of(rules));
 }
 
 }  // namespace
@@ -60,17 +97,23 @@ rules_state compare_rules(const wanted &w, const chains_seen &chains, const memo
     if (chains.present.empty()) return rules_state::absent;
     if (chains.expected)
         return *chains.expected == chains.present ? rules_state::same : rules_state::other;
-    // The kernel may list a rule in other words than the script's, so script and listing cannot be
-    // compared. Without a trial, the listing is compared with the one after the last apply.
-    const bool remembered =
-        before.script == w.text && before.rules && lines_of(*before.rules) == chains.present;
-    return remembered ? rules_state::as_remembered : rules_state::untried;
+    const auto then = remembered_rules(w, chains, before);
+    if (!then) return rules_state::untried;
+    return *then == texts_of(w.script.rules) ? rules_state::as_remembered : rules_state::other;
 }
 
 std::vector<step> plan_rules(const wanted &w, const chains_seen &chains, const memory &before)
 {
     const rules_state state = compare_rules(w, chains, before);
     if (state == rules_state::same || state == rules_state::as_remembered) return {};
+    if (state == rules_state::other) {
+        if (const auto exchanged = exchange(w, chains, before)) {
+            std::vector<step> steps;
+            for (const exchanged_line &line : *exchanged)
+                steps.push_back(restore_step(line.what, chains, line.why));
+            return steps;
+        }
+    }
     // Of a guess the form that is refused where a chain exists: the other would empty the chain but
     // leave its unseen jumps, and the new ones would stand beside them.
     const auto commands = chains.how == chains_seen::looked::guessed

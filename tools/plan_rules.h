@@ -38,13 +38,15 @@ enum class rules_state {
     not_seen,       // the chains were not listed
     absent,         // listed, and there are no chains
     same,           // listed as they would be after a load
-    other,          // listed otherwise than after a load
-    as_remembered,  // no trial; listed as when the same script was applied last
-    untried         // no trial, and listed otherwise or nothing remembered
+    other,          // known to be others than after a load
+    as_remembered,  // no trial; listed as when the same rules were applied last
+    untried         // no trial, and listed otherwise than remembered or nothing remembered
 };
 rules_state compare_rules(const wanted &w, const chains_seen &chains, const memory &before);
 
-// The steps that load the rules; none where they are there already.
+// The steps that load the rules; none where they are there already. Where it is known which rule of
+// the chains is which of the policy's, those that differ are exchanged and the others keep their
+// counters; else the chains are emptied and loaded.
 std::vector<step> plan_rules(const wanted &w, const chains_seen &chains, const memory &before);
 
 // The steps that take the chains away, all for one reason
