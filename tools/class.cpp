@@ -74,6 +74,17 @@ void check_htb(const tree_class &c, const tree_class *parent, kernel_kind, diagn
     if (parent != nullptr) check_htb_below(c, *parent, found);
 }
 
+// Whether a rate is as the scripts give rates: without bytes to be added to each packet, and
+// counted as Ethernet does. The table of old kernels that comes along is no option.
+bool is_plain(const tc_ratespec &rate)
+{
+    return rate.overhead == 0 && rate.mpu == 0 &&
+           (rate.linklayer & TC_LINKLAYER_MASK) <= TC_LINKLAYER_ETHERNET;
+}
+
+// "8000bit"; whole, since the kernel's bytes/s are.
+string bits_text(u64 bytes_per_s) { return std::to_string(bytes_per_s * 8) + "bit"; }
+
 void htb_from_kernel(live_class &seen, const attribute &options, double ticks_per_us)
 {
     tc_htb_opt opt{};
@@ -90,6 +101,19 @@ void htb_from_kernel(live_class &seen, const attribute &options, double ticks_pe
     seen.burst = bytes_of_ticks(opt.buffer, seen.rate, ticks_per_us);
     seen.cburst = bytes_of_ticks(opt.cbuffer, seen.ceil, ticks_per_us);
     seen.prio = opt.prio;
+    seen.quantum = opt.quantum;
+    seen.more = !is_plain(opt.rate) || !is_plain(opt.ceil);
+}
+
+string htb_command(const live_class &c, const tc_clock &clock)
+{
+    const auto burst = clock.htb_burst(ticks_of_bytes(c.burst, c.rate, clock.ticks_per_us), c.rate);
+    const auto cburst =
+        clock.htb_burst(ticks_of_bytes(c.cburst, c.ceil, clock.ticks_per_us), c.ceil);
+    if (c.more || !burst || !cburst) return "";
+    return format("htb rate %s ceil %s burst %ub cburst %ub prio %u quantum %u",
+                  bits_text(c.rate).c_str(), bits_text(c.ceil).c_str(), *burst, *cburst, c.prio,
+                  c.quantum);
 }
 
 void compare_htb(const tree_class &wanted, const live_class &seen, differences &found)
@@ -345,6 +369,22 @@ void hfsc_from_kernel(live_class &seen, const attribute &options, double)
     });
 }
 
+string curve_command(const char *name, const std::optional<live_curve> &curve)
+{
+    if (!curve) return "";
+    string first;
+    if (curve->m1 != 0 || curve->d != 0)
+        first = format(" m1 %s d %uus", bits_text(curve->m1).c_str(), curve->d);
+    return format(" %s%s m2 %s", name, first.c_str(), bits_text(curve->m2).c_str());
+}
+
+string hfsc_command(const live_class &c, const tc_clock &)
+{
+    const string curves =
+        curve_command("rt", c.rsc) + curve_command("ls", c.fsc) + curve_command("ul", c.usc);
+    return curves.empty() ? "" : "hfsc" + curves;
+}
+
 // The kernel knows no sc: tc sets it as the real-time curve and as the link-sharing one.
 void compare_hfsc(const tree_class &wanted, const live_class &seen, differences &found)
 {
@@ -405,17 +445,19 @@ string hfsc_right()
                   rate_text(most_hfsc_kbit).c_str());
 }
 
+// clang-format off
 const class_kind htb_class = {
-    read_htb,  check_htb, htb_from_kernel, compare_htb,     htb_limit,
-    htb_share, htb_text,  htb_label,       htb_live_limits, htb_json,
+    read_htb, check_htb, htb_from_kernel, htb_command, true, compare_htb,
+    htb_limit, htb_share, htb_text, htb_label, htb_live_limits, htb_json,
 };
 const class_kind hfsc_class = {
-    read_hfsc,  check_hfsc, hfsc_from_kernel, compare_hfsc,     hfsc_limit,
-    hfsc_share, hfsc_text,  hfsc_text,        hfsc_live_limits, hfsc_json,
+    read_hfsc, check_hfsc, hfsc_from_kernel, hfsc_command, false, compare_hfsc,
+    hfsc_limit, hfsc_share, hfsc_text, hfsc_text, hfsc_live_limits, hfsc_json,
 };
 const class_kind prio_band = {
-    read_nothing, check_nothing, nothing_from_kernel, compare_nothing, no_rate, no_rate,
-    no_text,      no_text,       no_live_limits,      no_json,
+    read_nothing, check_nothing, nothing_from_kernel, nullptr, false, compare_nothing,
+    no_rate, no_rate, no_text, no_text, no_live_limits, no_json,
 };
+// clang-format on
 
 }  // namespace tool

@@ -11,6 +11,7 @@
 #include "netlink.h"
 #include "policy.h"
 #include "table_reader.h"
+#include "tc_clock.h"
 
 namespace tool {
 
@@ -23,6 +24,10 @@ struct class_kind {
                   diagnostics &found);
     // The kernel's options of such a class
     void (*from_kernel)(live_class &seen, const attribute &options, double ticks_per_us);
+    // What makes such a class: "htb rate 8000bit ..."; "" where no command of ours does. Null: the
+    // classes come and go with their root.
+    std::string (*command)(const live_class &c, const tc_clock &clock);
+    bool leaf_options;  // some options the kernel takes of a leaf class alone
     void (*compare)(const tree_class &wanted, const live_class &seen, differences &found);
     // kbit/s: what the class may send at most, and what it is sure of; 0 where nothing says so
     u32 (*limit)(const tree_class &c);

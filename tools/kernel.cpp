@@ -96,6 +96,7 @@ std::optional<live_tree> read_kernel(const std::string &ifname, std::string &why
     }
     const double per_us = ticks_per_us();
     live_tree tree;
+    tree.ticks_per_us = per_us;
     ifreq request{};
     if (queue_request(SIOCGIFTXQLEN, ifname, request))
         tree.queue_len = static_cast<u32>(request.ifr_qlen);

@@ -38,6 +38,11 @@ void pfifo_from_kernel(live_qdisc &seen, const attribute &options, double)
     seen.limit = options.as<tc_fifo_qopt>().limit;
 }
 
+string pfifo_command(const live_qdisc &q, const tc_clock &)
+{
+    return format("pfifo limit %u", q.limit);
+}
+
 // Without a limit in the script the kernel takes the queue length that the interface had at that
 // moment. Nobody asked for that number, so it is not compared.
 void compare_pfifo(u32 handle, const leaf_qdisc &wanted, const live_qdisc &seen, differences &found)
@@ -68,7 +73,15 @@ leaf_qdisc read_sfq(const toml::table &table, diagnostics &found)
 
 void sfq_from_kernel(live_qdisc &seen, const attribute &options, double)
 {
-    seen.perturb = static_cast<u32>(options.as<tc_sfq_qopt>().perturb_period);
+    const auto sfq = options.as<tc_sfq_qopt>();
+    seen.perturb = static_cast<u32>(sfq.perturb_period);
+    seen.limit = sfq.limit;
+    seen.quantum = sfq.quantum;
+}
+
+string sfq_command(const live_qdisc &q, const tc_clock &)
+{
+    return format("sfq limit %u quantum %ub perturb %u", q.limit, q.quantum, q.perturb);
 }
 
 // 0 is compared too: without perturb in the script the kernel's is 0.
@@ -139,16 +152,96 @@ void check_red(const leaf_qdisc &leaf, position at, diagnostics &found)
                                static_cast<u32>((u64{red.min} + red.avpkt - 1) / red.avpkt)));
 }
 
+// Whether the probability to drop at max is 0.02, tc's own, in the forms in which tc and the kernel
+// carry it: halved until max - min of it are below 1, and, since later, 2^32 times.
+bool is_usual_probability(const tc_red_qopt &red, u32 probability)
+{
+    const u32 room = red.qth_max - red.qth_min;
+    u32 plog = 0;
+    while (plog < 32 && std::ldexp(0.02 / room, static_cast<int>(plog)) <= 1) ++plog;
+    // Given the first form alone, the kernel fills in the second, less exactly.
+    const u32 filled_in = (0xffffffff >> std::min(plog, 31U)) * room;
+    return red.Plog == plog &&
+           (probability == 0 || probability == 85899345 || probability == filled_in);
+}
+
 void red_from_kernel(live_qdisc &seen, const attribute &options, double)
 {
+    tc_red_qopt red{};
+    u32 probability = 0;
     each_attribute(options.value, [&](const attribute &a) {
-        if (a.type != TCA_RED_PARMS) return;
-        const auto red = a.as<tc_red_qopt>();
-        seen.limit = red.limit;
-        seen.min = red.qth_min;
-        seen.max = red.qth_max;
-        seen.wlog = red.Wlog;
+        if (a.type == TCA_RED_PARMS) red = a.as<tc_red_qopt>();
+        if (a.type == TCA_RED_MAX_P) probability = a.as<u32>();
     });
+    seen.limit = red.limit;
+    seen.min = red.qth_min;
+    seen.max = red.qth_max;
+    seen.wlog = red.Wlog;
+    seen.idle_log = red.Scell_log;
+    seen.more = red.flags != 0 || !is_usual_probability(red, probability);
+}
+
+// How coarsely tc lets the kernel count the time in which no packet came: the least n at which the
+// average is forgotten within 512 * 2^n ticks, counted at tc's usual 10 Mbit/s.
+u32 red_idle_log(u32 wlog, u32 avpkt, double ticks_per_us)
+{
+    const double ticks = std::floor(avpkt / 1250000.0 * 1e6) * ticks_per_us;
+    const double forgotten = 31 * ticks / -std::log(1 - std::ldexp(1.0, -static_cast<int>(wlog)));
+    u32 n = 0;
+    while (n < 31 && std::ldexp(forgotten, -static_cast<int>(n)) >= 512) ++n;
+    return n;
+}
+
+// The burst at which tc comes to the weight 1/2^wlog; 0 where there is none. A longer burst never
+// has a larger weight, so halves are searched.
+u32 red_burst(const live_qdisc &q, u32 avpkt)
+{
+    red_leaf_param red{};
+    red.min = q.min;
+    red.avpkt = avpkt;
+    u32 least = (q.min + avpkt - 1) / avpkt;
+    u32 above = 0xffffff;
+    const auto too_short = [&](u32 burst) {
+        red.burst = burst;
+        const u32 wlog = red_wlog(red);
+        return wlog != 0 && wlog < q.wlog;
+    };
+    while (least < above) {
+        const u32 middle = least + (above - least) / 2;
+        if (too_short(middle))
+            least = middle + 1;
+        else
+            above = middle;
+    }
+    red.burst = least;
+    return red_wlog(red) == q.wlog ? least : 0;
+}
+
+// An avpkt with which tc comes to the qdisc's weight, and if `exact` to its idle_log too: first the
+// usual 1000, then from 1 on in steps of a sixteenth, below min, as tc asks. 0 where there is none.
+u32 red_avpkt(const live_qdisc &q, const tc_clock &clock, bool exact)
+{
+    const auto fits = [&](u32 avpkt) {
+        return (!exact || red_idle_log(q.wlog, avpkt, clock.ticks_per_us) == q.idle_log) &&
+               red_burst(q, avpkt) != 0;
+    };
+    constexpr u32 usual = 1000;
+    if (q.min >= usual && fits(usual)) return usual;
+    for (u64 avpkt = 1; avpkt <= q.min; avpkt += 1 + avpkt / 16)
+        if (fits(static_cast<u32>(avpkt))) return static_cast<u32>(avpkt);
+    return 0;
+}
+
+// The kernel keeps of avpkt and burst what they come to: wlog and idle_log. Any two numbers that
+// come to the same are as good.
+string red_command(const live_qdisc &q, const tc_clock &clock)
+{
+    if (q.more || q.wlog == 0 || q.wlog > 31) return "";
+    u32 avpkt = red_avpkt(q, clock, true);
+    if (avpkt == 0) avpkt = red_avpkt(q, clock, false);
+    if (avpkt == 0) return "";
+    return format("red limit %ub min %ub max %ub avpkt %ub burst %u", q.limit, q.min, q.max, avpkt,
+                  red_burst(q, avpkt));
 }
 
 // The kernel keeps neither burst nor avpkt. tc makes one number of the two, the weight of the
@@ -235,6 +328,16 @@ void tbf_from_kernel(live_qdisc &seen, const attribute &options, double ticks_pe
     seen.rate = rate64 != 0 ? rate64 : opt.rate.rate;
     seen.limit = opt.limit;
     seen.burst = bytes_of_ticks(opt.buffer, seen.rate, ticks_per_us);
+    seen.more = opt.peakrate.rate != 0 || opt.rate.overhead != 0 ||
+                (opt.rate.linklayer & TC_LINKLAYER_MASK) > TC_LINKLAYER_ETHERNET;
+}
+
+string tbf_command(const live_qdisc &q, const tc_clock &clock)
+{
+    const auto burst = clock.tbf_burst(ticks_of_bytes(q.burst, q.rate, clock.ticks_per_us), q.rate);
+    if (q.more || !burst) return "";
+    return format("tbf rate %sbit burst %ub limit %ub", std::to_string(q.rate * 8).c_str(), *burst,
+                  q.limit);
 }
 
 void compare_tbf(u32 handle, const leaf_qdisc &wanted, const live_qdisc &seen, differences &found)
@@ -270,13 +373,17 @@ json tbf_json(const leaf_qdisc &leaf)
 // clang-format off
 constexpr leaf_kind kinds[] = {
     {"pfifo", L_pfifo, true,
-     read_pfifo, no_check, pfifo_from_kernel, compare_pfifo, pfifo_text, pfifo_json},
+     read_pfifo, no_check, pfifo_from_kernel, pfifo_command, compare_pfifo,
+     pfifo_text, pfifo_json},
     {"sfq", L_SFQ, false,  // the kernel changes no SFQ: it is removed and added
-     read_sfq, no_check, sfq_from_kernel, compare_sfq, sfq_text, sfq_json},
+     read_sfq, no_check, sfq_from_kernel, sfq_command, compare_sfq,
+     sfq_text, sfq_json},
     {"red", L_RED, true,
-     read_red, check_red, red_from_kernel, compare_red, red_text, red_json},
+     read_red, check_red, red_from_kernel, red_command, compare_red,
+     red_text, red_json},
     {"tbf", L_TBF, true,
-     read_tbf, check_tbf, tbf_from_kernel, compare_tbf, tbf_text, tbf_json},
+     read_tbf, check_tbf, tbf_from_kernel, tbf_command, compare_tbf,
+     tbf_text, tbf_json},
 };
 // clang-format on
 

@@ -12,6 +12,7 @@
 #include "mordel.h"
 #include "netlink.h"
 #include "table_reader.h"
+#include "tc_clock.h"
 
 namespace tool {
 
@@ -25,6 +26,8 @@ struct leaf_kind {
     void (*check)(const leaf_qdisc &leaf, position at, diagnostics &found);
     // The kernel's options of such a qdisc
     void (*from_kernel)(live_qdisc &seen, const attribute &options, double ticks_per_us);
+    // What makes such a qdisc: "pfifo limit 50"; "" where no command of ours does
+    std::string (*command)(const live_qdisc &q, const tc_clock &clock);
     void (*compare)(u32 handle, const leaf_qdisc &wanted, const live_qdisc &seen,
                     differences &found);
     std::string (*text)(const leaf_qdisc &leaf);  // "sfq perturb 10s"

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "mordel.h"
+#include "ticks.h"
 
 namespace tool {
 
@@ -37,7 +38,9 @@ struct live_class {
     double burst = 0;  // HTB: bytes, as near as the kernel's ticks allow
     double cburst = 0;
     u32 prio = 0;
+    u32 quantum = 0;                          // HTB: bytes
     std::optional<live_curve> rsc, fsc, usc;  // HFSC
+    bool more = false;                        // has options that no command of ours sets
     live_stats stats;
 };
 
@@ -48,13 +51,16 @@ struct live_qdisc {
     u32 default_class = 0;  // HTB, HFSC
     u32 bands = 0;          // PRIO
     std::vector<u8> priomap;
-    u32 limit = 0;  // pfifo: packets; RED, TBF: bytes
+    u32 limit = 0;  // pfifo, SFQ: packets; RED, TBF: bytes
     u32 perturb = 0;
+    u32 quantum = 0;  // SFQ: bytes
     u32 min = 0;
     u32 max = 0;
-    u32 wlog = 0;      // RED: the weight of its average is 1/2^wlog
-    u64 rate = 0;      // TBF: bytes/s
-    double burst = 0;  // TBF: bytes
+    u32 wlog = 0;       // RED: the weight of its average is 1/2^wlog
+    u64 rate = 0;       // TBF: bytes/s
+    double burst = 0;   // TBF: bytes
+    u32 idle_log = 0;   // RED: how coarsely it counts the time without packets (Scell_log)
+    bool more = false;  // has options that no command of ours sets: a peak rate, ECN
     live_stats stats;
 };
 
@@ -63,6 +69,11 @@ struct live_filter {
     u32 mark = 0;
     u32 id = 0;          // of the class
     bool plain = false;  // as the scripts add filters, with nothing besides (parse_filter)
+    // Where it stands, and its kind; a command that deletes a filter of somebody else names these.
+    u32 priority = 50;
+    u32 protocol = 0x0800;  // as an Ethernet frame has it, host byte order: IPv4
+    u32 chain = 0;
+    std::string kind = "fw";
 };
 
 struct live_tree {
@@ -70,6 +81,7 @@ struct live_tree {
     std::vector<live_class> classes;  // those of the root qdisc
     std::vector<live_filter> filters;
     u32 queue_len = 0;  // of the interface, packets
+    double ticks_per_us = usual_ticks_per_us;
 
     // The root qdisc that somebody has added; null while the kernel's default one is there.
     const live_qdisc *root() const;

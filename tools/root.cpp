@@ -183,6 +183,12 @@ void hfsc_from_kernel(live_qdisc &seen, const attribute &options)
     seen.default_class = options.as<tc_hfsc_qopt>().defcls;
 }
 
+string htb_root_command(const live_qdisc &q) { return format("htb default 0x%x", q.default_class); }
+string hfsc_root_command(const live_qdisc &q)
+{
+    return format("hfsc default 0x%x", q.default_class);
+}
+
 bool compare_classful(const policy_interface &wanted, const live_tree &seen, differences &found)
 {
     if (!is_the_root(wanted, seen, found)) return false;
@@ -272,6 +278,13 @@ void prio_from_kernel(live_qdisc &seen, const attribute &options)
     seen.priomap.assign(prio.priomap, prio.priomap + sizeof prio.priomap);
 }
 
+string prio_root_command(const live_qdisc &q)
+{
+    string out = format("prio bands %u priomap", q.bands);
+    for (const u8 band : q.priomap) out += format(" %d", band);
+    return out;
+}
+
 bool compare_prio(const policy_interface &wanted, const live_tree &seen, differences &found)
 {
     if (!is_the_root(wanted, seen, found)) return false;
@@ -340,16 +353,20 @@ void pfifo_fast_json(const policy_interface &iface, json &out)
 // clang-format off
 constexpr root_kind kinds[] = {
     {"pfifo_fast", nullptr, R_pfifo_fast, false,
-     read_pfifo_fast, no_check, no_automark, nothing_from_kernel, compare_pfifo_fast,
+     read_pfifo_fast, no_check, no_automark, nothing_from_kernel, nullptr,
+     compare_pfifo_fast,
      pfifo_fast_text, no_default, pfifo_fast_json},
     {"htb", &htb_class, R_HTB, true,
-     read_htb, check_htb, classful_automark, htb_from_kernel, compare_classful,
+     read_htb, check_htb, classful_automark, htb_from_kernel, htb_root_command,
+     compare_classful,
      no_text, default_of, classful_json},
     {"hfsc", &hfsc_class, R_HFSC, true,
-     read_hfsc, check_hfsc, classful_automark, hfsc_from_kernel, compare_classful,
+     read_hfsc, check_hfsc, classful_automark, hfsc_from_kernel, hfsc_root_command,
+     compare_classful,
      no_text, default_of, classful_json},
     {"prio", &prio_band, R_PRIO, false,
-     read_prio, check_prio, prio_automark, prio_from_kernel, compare_prio,
+     read_prio, check_prio, prio_automark, prio_from_kernel, prio_root_command,
+     compare_prio,
      prio_text, no_default, prio_json},
 };
 // clang-format on

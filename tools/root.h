@@ -30,6 +30,8 @@ struct root_kind {
     const automark_value *(*automark)(const policy_interface &iface);
     // The kernel's options of such a qdisc
     void (*from_kernel)(live_qdisc &seen, const attribute &options);
+    // What makes such a qdisc: "htb default 0x10"; null where the kernel makes it itself
+    std::string (*command)(const live_qdisc &q);
     // False when there is nothing to compare below the root
     bool (*compare)(const policy_interface &wanted, const live_tree &seen, differences &found);
     std::string (*text)(const policy_interface &iface);  // what its headline says besides

@@ -3,6 +3,8 @@
 
 #include "step.h"
 
+#include <algorithm>
+
 namespace tool {
 
 using std::string;
@@ -27,6 +29,14 @@ std::vector<string> commands_of(const std::vector<step> &steps, program by)
     std::vector<string> all;
     for (const step &s : steps)
         if (s.by == by) all.push_back(s.command);
+    return all;
+}
+
+std::vector<string> undo_of(const std::vector<step> &steps, std::size_t done)
+{
+    std::vector<string> all;
+    for (std::size_t i = std::min(done, steps.size()); i-- > 0;)
+        all.insert(all.end(), steps[i].undo.begin(), steps[i].undo.end());
     return all;
 }
 

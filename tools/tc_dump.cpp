@@ -84,12 +84,14 @@ std::optional<live_filter> parse_filter(const tcmsg &head, std::span<const char>
     // with anything else, a police or a mask, is not theirs (plain is false).
     constexpr u32 script_priority = 50;
     live_filter f{head.tcm_handle, 0, false};
-    bool fw = false;
+    // tcm_info: the priority in the high half, the protocol in network byte order in the low.
+    f.priority = head.tcm_info >> 16;
+    f.protocol = ntohs(static_cast<u16>(head.tcm_info));
+    f.kind = "";
     bool more = false;
     each_attribute(attributes, [&](const attribute &a) {
-        if (a.type == TCA_KIND) fw = a.text() == "fw";
-        // No packet comes to a chain other than 0 unless another filter sends it there.
-        if (a.type == TCA_CHAIN && a.as<u32>() != 0) more = true;
+        if (a.type == TCA_KIND) f.kind = a.text();
+        if (a.type == TCA_CHAIN) f.chain = a.as<u32>();
         if (a.type != TCA_OPTIONS) return;
         each_attribute(a.value, [&](const attribute &option) {
             if (option.type == fw_classid)
@@ -99,9 +101,9 @@ std::optional<live_filter> parse_filter(const tcmsg &head, std::span<const char>
         });
     });
     if (f.mark == 0) return std::nullopt;
-    // tcm_info: the priority in the high half, the protocol in network byte order in the low.
-    f.plain = fw && !more && head.tcm_info >> 16 == script_priority &&
-              (head.tcm_info & 0xffff) == htons(ETH_P_IP);
+    // No packet comes to a chain other than 0 unless another filter sends it there.
+    f.plain = f.kind == "fw" && !more && f.chain == 0 && f.priority == script_priority &&
+              f.protocol == ETH_P_IP;
     return f;
 }
 

@@ -3,6 +3,7 @@
 // usually 64 ns (15.625 in 1 us).
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 
 #include "mordel.h"
@@ -16,6 +17,14 @@ constexpr u64 bytes_per_second(u64 kbit) { return kbit * 125; }
 inline double bytes_of_ticks(u32 ticks, u64 bytes_per_s, double ticks_per_us)
 {
     return static_cast<double>(bytes_per_s) * ticks / ticks_per_us / 1e6;
+}
+
+// The ticks that a number of bytes was computed from, by bytes_of_ticks()
+inline u32 ticks_of_bytes(double bytes, u64 bytes_per_s, double ticks_per_us)
+{
+    if (bytes_per_s == 0) return 0;
+    const double ticks = bytes / static_cast<double>(bytes_per_s) * ticks_per_us * 1e6;
+    return static_cast<u32>(std::min(std::round(ticks), 4294967295.0));
 }
 
 // A burst comes back from the kernel shorter than it was given: tc cuts its time to whole

@@ -333,7 +333,8 @@ TEST(TcDump, LeafQdiscsHaveTheirOptions)
     sfq.quantum = 1514;
     sfq.perturb_period = 10;
     sfq.limit = 127;
-    EXPECT_EQ("1000000 on 10010 sfq perturb 10", text(qdisc_of(kind("sfq") + options(bytes(sfq)))));
+    EXPECT_EQ("1000000 on 10010 sfq limit 127 perturb 10",
+              text(qdisc_of(kind("sfq") + options(bytes(sfq)))));
     const string parms = attribute(TCA_RED_PARMS, red());
     const string max_p = attribute(TCA_RED_MAX_P, u32{85899345});
     const char *const as_red = "1000000 on 10010 red limit 60000 min 5000 max 15000 wlog 9";
