@@ -48,7 +48,16 @@ std::optional<lines> iptables::list(string &why) const
 
 run_result iptables::restore(const lines &commands) const
 {
-    return run({"iptables-restore", "--noflush", "-w", wait_}, restore_input(commands));
+    lines words = {"iptables-restore", "--noflush", "-w", wait_};
+    if (only_tests_) words.emplace_back("--test");
+    return run(words, restore_input(commands));
+}
+
+iptables iptables::for_a_test() const
+{
+    iptables tests = *this;
+    tests.only_tests_ = true;
+    return tests;
 }
 
 std::optional<lines> iptables::tried(const lines &commands) const
@@ -73,7 +82,8 @@ std::optional<std::size_t> iptables::first_refused(const lines &rules) const
         for (const string &chain : {rule_chain(ifname_), automark_chain(ifname_)})
             if (!run_one({"-N", chain}).ok()) return std::nullopt;
         for (std::size_t i = 0; i < rules.size(); ++i)
-            if (!run_one(words_of(rules[i])).ok()) return std::to_string(i);
+            // Behind all others: the chain of the trial is too short for a rule's place.
+            if (!run_one(words_of(appending(rules[i]))).ok()) return std::to_string(i);
         return std::nullopt;
     });
     return text ? std::optional<std::size_t>(std::stoul(*text)) : std::nullopt;

@@ -22,13 +22,16 @@ public:
     // Runs iptables-restore --noflush: all of the commands take effect or none.
     run_result restore(const std::vector<std::string> &commands) const;
 
+    // The same, but its restore() changes nothing: iptables-restore only looks whether it could.
+    iptables for_a_test() const;
+
     // The lines that list() would give after restore(commands), found by a trial in an empty
     // network namespace; none where the kernel gives no namespace or a command fails.
     std::optional<std::vector<std::string>> tried(const std::vector<std::string> &commands) const;
 
-    // The index of the first "-A ..." command that iptables refuses, run one by one in an empty
-    // network namespace. For a refusal at COMMIT, where iptables-restore names no rule. None when
-    // all pass there or the kernel gives no namespace.
+    // The index of the first "-A ..." or "-I ..." command that iptables refuses, run one by one in
+    // an empty network namespace. For a refusal at COMMIT, where iptables-restore names no rule.
+    // None when all pass there or the kernel gives no namespace.
     std::optional<std::size_t> first_refused(const std::vector<std::string> &rules) const;
 
     // Deletes the lines that list() gave: by one restore, or one by one after a refusal. False, and
@@ -40,6 +43,7 @@ private:
 
     std::string ifname_;
     std::string wait_;
+    bool only_tests_ = false;
 };
 
 }  // namespace tool

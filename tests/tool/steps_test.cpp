@@ -181,6 +181,13 @@ TEST_F(Steps, OfRulesAreTriedOneByOneWhereTheLoadDoesNotTell)
     EXPECT_EQ("-w 1 -t mangle -N QOS_q0\n-w 1 -t mangle -N QOS_q0_AUTO\n"
               "-w 1 -t mangle -A QOS_q0 -j A\n-w 1 -t mangle -A QOS_q0 -j B\n",
               got("iptables", "words"));
+    // A rule for a place, which the empty chain of the trial does not have
+    std::vector<step> at_a_place = steps;
+    at_a_place[4].command = "-I QOS_q0 7 -j B ";
+    fs::remove(folder_ + "/iptables.words");
+    EXPECT_EQ("refused |iptables-restore: refused|iptables -t mangle -I QOS_q0 7 -j B|10",
+              shown(load_rules(tool::iptables("q0", 1), at_a_place)));
+    EXPECT_TRUE(got("iptables", "words").ends_with("-A QOS_q0 -j B\n")) << got("iptables", "words");
     install("iptables");
     EXPECT_EQ("refused |iptables-restore: line 5 failed||0", tried());
     install("iptables", "exit 1");
