@@ -179,11 +179,15 @@ lines own_lines(const string &listing, const string &ifname)
 {
     const string rules = rule_chain(ifname);
     const string automark = automark_chain(ifname);
-    const auto is_own = [&](const string &line) {
+    const auto adds_to = [](const string &line, const string &chain) {
         // The blank behind a chain's name: without it, "-A QOS_eth0" would match QOS_eth0_AUTO too.
-        return line == "-N " + rules || line == "-N " + automark ||
-               line.starts_with("-A " + rules + " ") || line.starts_with("-A " + automark + " ") ||
-               line == "-A FORWARD -o " + ifname + " -g " + rules ||
+        // A rule that only counts is listed without anything behind the name. Were one left out,
+        // the rules behind it would be deleted by wrong places.
+        return line == "-A " + chain || line.starts_with("-A " + chain + " ");
+    };
+    const auto is_own = [&](const string &line) {
+        return line == "-N " + rules || line == "-N " + automark || adds_to(line, rules) ||
+               adds_to(line, automark) || line == "-A FORWARD -o " + ifname + " -g " + rules ||
                line == "-A OUTPUT -o " + ifname + " -g " + rules;
     };
     lines own = lines_of(listing);

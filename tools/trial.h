@@ -12,9 +12,9 @@
 
 namespace tool {
 
-// Has iptables-restore look whether it could load the rules' steps: parsed, with all matches and
-// targets that they name, and onto the chains that are there. What only the kernel refuses, at
-// COMMIT, is not found.
+// Has iptables-restore look whether it could load the rules' steps: the words of each, with the
+// matches and targets that they name. What only the kernel refuses, at COMMIT, is not found, and by
+// some an unknown or a doubled chain is not either.
 std::optional<step_failure> try_rules(const iptables &tables, const std::vector<step> &steps);
 
 // Runs tc's steps in a network namespace of their own, on an interface of this name, with the part

@@ -39,6 +39,7 @@ TEST(Chains, OwnLinesAreThoseOfOneInterface)
         "-A FORWARD -o q0 -g QOS_q0\n"
         "-A OUTPUT -o q0 -g QOS_q0\n"
         "-A QOS_q0 -m connmark ! --mark 0x0 -j QOS_q0_AUTO\n"
+        "-A QOS_q0\n"
         "-A QOS_q0_AUTO -m connmark --mark 0x64 -j MARK --set-xmark 0x10/0xffffffff\n";
     const string others = "-P FORWARD ACCEPT\n"
                           "-N QOS_q01\n"
@@ -52,6 +53,7 @@ TEST(Chains, OwnLinesAreThoseOfOneInterface)
                           "-A FORWARD -i q0 -g QOS_q0\n"
                           "-A PREROUTING -o q0 -g QOS_q0\n"
                           "-A QOS_q01 -j QOS_q0\n"
+                          "-A QOS_q01\n"
                           "-A QOS_q0_AUTO2 -j QOS_q0\n"
                           "-A FORWARD -o q0 -m mark --mark 1 -g QOS_q0\n";
     string text;
