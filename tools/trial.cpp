@@ -31,8 +31,8 @@ using kind = object::kind;
 // The 0x10 of "... parent 1:0x10 ..." for the word "parent"; 0 for the root, and without the word
 u32 class_behind(const lines &words, std::string_view word)
 {
-    // From the fifth word on: an interface may be named "parent" too.
-    for (std::size_t i = 4; i + 1 < words.size(); ++i) {
+    // An interface may be named "parent" too; no number follows there.
+    for (std::size_t i = 0; i + 1 < words.size(); ++i) {
         const std::size_t colon = words[i + 1].find(':');
         if (words[i] == word && colon != string::npos)
             return static_cast<u32>(std::strtoul(words[i + 1].c_str() + colon + 1, nullptr, 16));
