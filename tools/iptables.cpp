@@ -42,7 +42,7 @@ std::optional<lines> iptables::list(string &why) const
 {
     const run_result listing = run_one({"-S"});
     if (listing.ok()) return own_lines(listing.out, ifname_);
-    why = listing.missing ? "iptables is missing" : "iptables: " + one_line(listing.err);
+    why = listing.missing ? "iptables is missing" : "iptables: " + listing.problem;
     return std::nullopt;
 }
 

@@ -16,9 +16,12 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <optional>
 #include <sstream>
 #include <thread>
+
+#include "text.h"
 
 namespace tool {
 namespace {
@@ -133,6 +136,14 @@ run_result run(const std::vector<std::string> &command, const std::string &input
     result.status = wait_for(*child, seconds);
     result.out = contents(out.get()).value_or("");
     result.err = contents(err.get()).value_or("");
+    if (result.status == 0) return result;
+    result.problem = one_line(result.err);
+    result.problem.resize(result.problem.find_last_not_of(' ') + 1);
+    if (result.status > 128)
+        result.problem = format("was killed by signal %d (%s)", result.status - 128,
+                                ::strsignal(result.status - 128));
+    else if (result.problem.empty())
+        result.problem = format("ended with status %d and said nothing", result.status);
     return result;
 }
 

@@ -16,6 +16,7 @@ namespace tool {
 struct run_result {
     bool missing = false;  // the program could not be started
     int status = 0;        // its exit status; 128 and the signal's number when it was killed
+    std::string problem;   // why it is no success, on one line; "" for a success
     std::string out;       // its standard output, whole
     std::string err;       // its standard error, whole
     bool ok() const { return !missing && status == 0; }

@@ -218,7 +218,13 @@ TEST_F(Steps, ListingIsThatOfTheInterface)
     EXPECT_EQ("iptables is missing", why);
     refuse("iptables", "no\nlock\n");
     EXPECT_FALSE(tables.list(why));
-    EXPECT_EQ("iptables: no lock ", why);
+    EXPECT_EQ("iptables: no lock", why);
+    install("iptables", "exit 3");
+    EXPECT_FALSE(tables.list(why));
+    EXPECT_EQ("iptables: ended with status 3 and said nothing", why);
+    install("iptables", "kill -9 $$");
+    EXPECT_FALSE(tables.list(why));
+    EXPECT_EQ("iptables: was killed by signal 9 (Killed)", why);
     install("iptables", "printf '%s\\n' '-P OUTPUT ACCEPT' '-N QOS_q0' '-N QOS_q1'");
     (void)fs::remove(folder_ + "/iptables.words");
     EXPECT_EQ((std::vector<string>{"-N QOS_q0"}), tables.list(why));
