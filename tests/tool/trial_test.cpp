@@ -13,6 +13,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "process.h"
+
 namespace {
 
 using std::string;
@@ -147,6 +149,37 @@ TEST_F(Trial, IsMadeOnThePartOfTheTreeThatTheStepsNeed)
               got("tc"));
 }
 
+// A command that deletes a class names none of those above.
+TEST_F(Trial, HasTheClassesAboveThatOfAStep)
+{
+    install("tc");
+    EXPECT_EQ("passed",
+              shown(try_tc(
+                  "q0", tree(),
+                  {tc("filter del dev q0 parent 1:0 prio 50 handle 0x10 fw", kind::filter, 0x10, 0),
+                   tc("class del dev q0 classid 1:0x10", kind::tree_class, 0x10, 0)})));
+    EXPECT_NE(string::npos, got("tc").find("classid 1:0x1 htb")) << got("tc");
+    EXPECT_NE(string::npos, got("tc").find("classid 1:0x2 htb")) << got("tc");
+    EXPECT_EQ(string::npos, got("tc").find("1:0x11")) << got("tc");
+}
+
+// With its own MTU of 64 KiB the loopback would have the kernel warn of bursts.
+TEST_F(Trial, HasTheInterfacesMtu)
+{
+    if (std::system("ip -V >/dev/null 2>&1") != 0) GTEST_SKIP() << "no ip to ask";
+    install("tc", "ip -o link show q0 >>" + folder_ + "/seen");
+    const auto tried = tool::in_own_network([&]() -> std::optional<string> {
+        const string make = "PATH=" + old_path_ + "; ip link set lo mtu 1400 name q0";
+        return std::system(make.c_str()) != 0 ? "no interface"
+                                              : shown(try_tc("q0", tree(), {change_11}));
+    });
+    EXPECT_EQ("passed", tried);
+    std::ifstream in(folder_ + "/seen");
+    string seen;
+    std::getline(in, seen);
+    EXPECT_NE(string::npos, seen.find("mtu 1400")) << seen;
+}
+
 // A leaf that hangs on another class than its handle says: its command names that class alone.
 TEST_F(Trial, HasTheClassesThatCommandsNameBesidesTheirObject)
 {
@@ -162,9 +195,9 @@ TEST_F(Trial, HasTheClassesThatCommandsNameBesidesTheirObject)
 TEST_F(Trial, OfAnInterfaceNamedLikeAWordOfTc)
 {
     install("tc");
-    const step change =
-        tc("class change dev parent parent 1:0x2 classid 1:0x11 htb", kind::tree_class, 0x11, 7);
-    EXPECT_EQ("passed", shown(try_tc("parent", tree(), {change})));
+    const step add =
+        tc("class add dev parent parent 1:0x2 classid 1:0x13 htb", kind::tree_class, 0x13, 7);
+    EXPECT_EQ("passed", shown(try_tc("parent", tree(), {add})));
     EXPECT_NE(string::npos, got("tc").find("classid 1:0x2 htb")) << got("tc");
 }
 
