@@ -75,8 +75,8 @@ std::size_t longest(const lines &a, const lines &b)
 
 TEST(CommonLines, AreAsManyAsCanBe)
 {
-    std::mt19937 random(1);
-    for (int pass = 0; pass < 2000; ++pass) {
+    for (unsigned pass = 0; pass < 2000; ++pass) {
+        std::mt19937 random(pass);
         const unsigned kinds = 1 + random() % 8;
         const auto word = [&] {
             string text;

@@ -29,7 +29,7 @@ using tool::object;
 using lines = std::vector<string>;
 namespace fs = std::filesystem;
 
-constexpr int pairs = 200;
+constexpr unsigned pairs = 200;
 
 // A rule as a script has it and as it is listed, behind its chain's name
 struct rule {
@@ -127,6 +127,7 @@ string text_of(const lines &all)
 
 class chance {
 public:
+    explicit chance(unsigned seed) : random_(seed) {}
     std::size_t below(std::size_t n) { return random_() % n; }
     bool once_in(std::size_t n) { return below(n) == 0; }
 
@@ -167,7 +168,7 @@ public:
     }
 
 private:
-    std::mt19937 random_{7};
+    std::mt19937 random_;
 };
 
 // ---- Counters -----------------------------------------------------------------------------------
@@ -275,13 +276,13 @@ string exchanged_and_restored(const rule_set &before, const rule_set &after)
 string all_pairs()
 {
     if (!tool::run({"iptables-restore", "-c"}, input({})).ok()) return "no mangle table";
-    chance random;
-    for (int i = 0; i < pairs; ++i) {
+    for (unsigned i = 0; i < pairs; ++i) {
+        chance random(i);
         const rule_set before = random.before();
         const rule_set after = random.after(before);
         const string wrong = exchanged_and_restored(before, after);
         if (!wrong.empty())
-            return tool::format("pair %d: %s\nfrom\n%sto\n%s", i, wrong.c_str(),
+            return tool::format("pair %u: %s\nfrom\n%sto\n%s", i, wrong.c_str(),
                                 text_of(listing(before)).c_str(), text_of(listing(after)).c_str());
     }
     return "";
