@@ -1,27 +1,24 @@
 // SPDX-License-Identifier: MIT
-// Owns the lock file. The lock is the descriptor's, and the kernel closes that with its process: a
-// killed mordel leaves no lock behind, though the file stays.
+// Owns the lock file. The lock is the descriptor's: the kernel lets go of it when the last process
+// that holds the descriptor has ended. Programs that mordel starts inherit the descriptor, so a tc
+// that outlives a killed mordel keeps the next mordel waiting. The file stays.
 
 #include "lock.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
 
-#include <cerrno>
-#include <cstring>
 #include <ctime>
 
+#include "own_file.h"
 #include "text.h"
 
 namespace tool {
 
 file_lock::file_lock(const std::string &path, unsigned wait)
-    : fd_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600))
+    : fd_(open_own(path, O_RDWR | O_CREAT, error_))  // no O_CLOEXEC: programs inherit it
 {
-    if (!fd_) {
-        error_ = format("cannot open %s: %s", path.c_str(), std::strerror(errno));
-        return;
-    }
+    if (!fd_) return;
     // Tried 20 times a second: flock has no time limit, only "for ever" and "not at all".
     const timespec pause{0, 50000000};
     for (unsigned tries = wait * 20;; --tries) {

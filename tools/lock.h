@@ -8,7 +8,8 @@
 
 namespace tool {
 
-// Holds the lock until it is destroyed, unless error() says otherwise.
+// Holds the lock until it is destroyed and the programs that were started under it have ended,
+// unless error() says otherwise.
 class file_lock {
 public:
     // wait: seconds at most until another process lets go of the lock
