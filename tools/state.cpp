@@ -1,32 +1,94 @@
 // SPDX-License-Identifier: MIT
-// Owns the files of /var/run/mordel: NAME.toml, NAME.start and NAME.rules for each interface. apply
-// and stop write the files under the lock (lock.h). `status` reads them without the lock: so each
-// file is replaced by a rename, and no reader meets half a file.
+// Owns the files of /var/run/mordel that remember policies: NAME.applied for each interface, and
+// NAME.applied.new for a memory that is staged. apply and stop write the files under the lock
+// (lock.h). `status` reads them without the lock: a file is replaced by a rename, and no reader
+// meets half a file. All parts of a memory are in one file, so that they are always of one policy.
 
 #include "state.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
+#include <charconv>
 #include <cstring>
 #include <filesystem>
+#include <string_view>
 
-#include "guards.h"
-#include "process.h"
+#include "own_file.h"
 #include "text.h"
 
 namespace tool {
+namespace {
 
 using std::string;
+using std::string_view;
 
-string state_folder::file(const string &ifname, const char *part) const
+constexpr string_view extension = ".applied";
+
+// ---- The file's text ----------------------------------------------------------------------------
+
+// After the head each part has a line with its name and its length in bytes, and its text as it is:
+// a person can read the file.
+constexpr string_view head = "mordel 1\n";
+
+struct memory_part {
+    string_view name;
+    std::optional<string> memory::*text;
+};
+constexpr memory_part parts[] = {{"from", &memory::source},
+                                 {"policy", &memory::policy},
+                                 {"script", &memory::script},
+                                 {"rules", &memory::rules}};
+
+string text_of(const memory &m)
 {
-    return path_ + "/" + ifname + "." + part;
+    string out(head);
+    for (const memory_part &p : parts) {
+        const std::optional<string> &text = m.*p.text;
+        if (text) out += string(p.name) + format(" %zu\n", text->size()) + *text + "\n";
+    }
+    return sealed(out);
 }
+
+bool take(string_view &rest, string_view word)
+{
+    if (!rest.starts_with(word)) return false;
+    rest.remove_prefix(word.size());
+    return true;
+}
+
+// Takes "123\n", so many bytes and a line's end; none when the text is another.
+std::optional<string> take_counted(string_view &rest)
+{
+    std::size_t size = 0;
+    const auto [behind, error] = std::from_chars(rest.data(), rest.data() + rest.size(), size);
+    if (error != std::errc{}) return std::nullopt;
+    rest.remove_prefix(static_cast<std::size_t>(behind - rest.data()));
+    if (!take(rest, "\n") || size >= rest.size() || rest[size] != '\n') return std::nullopt;
+    string text(rest.substr(0, size));
+    rest.remove_prefix(size + 1);
+    return text;
+}
+
+// No part for a file that is not ours, cut short or of another version.
+memory memory_of(const string &path)
+{
+    string ignored;  // apply says the same when it writes
+    const auto file = read_own(path, ignored);
+    const auto text = file ? unsealed(*file) : std::nullopt;
+    string_view rest = text ? string_view(*text) : string_view();
+    memory m;
+    if (!take(rest, head)) return {};
+    for (const memory_part &p : parts)
+        if (take(rest, string(p.name) + " ") && !(m.*p.text = take_counted(rest))) return {};
+    return rest.empty() ? m : memory{};
+}
+
+}  // namespace
+
+// ---- The folder ---------------------------------------------------------------------------------
 
 string state_folder::make() const
 {
@@ -37,62 +99,78 @@ string state_folder::make() const
     struct stat st {};
     if (::lstat(path_.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != ::geteuid())
         return path_ + " is no folder of ours";
+    if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) return path_ + " may be written to by others";
     return "";
 }
 
-std::optional<string> state_folder::read_part(const string &ifname, const char *part) const
+string state_folder::file(const string &ifname) const
 {
-    // O_NONBLOCK: the open of a named pipe in the file's place would wait for a writer.
-    const mordel::fd_guard fd{::open(file(ifname, part).c_str(),
-                                     O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC)};
-    struct stat st {};
-    if (!fd || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
-    return read_rest(fd.get());
+    return path_ + "/" + ifname + string(extension);
 }
 
-bool state_folder::write_part(const string &ifname, const char *part,
-                              const std::optional<string> &text) const
+string state_folder::staged(const string &ifname) const { return file(ifname) + ".new"; }
+
+std::vector<string> state_folder::interfaces() const
 {
-    const string path = file(ifname, part);
-    if (!text) return ::unlink(path.c_str()) == 0 || errno == ENOENT;
-    const string fresh = path + ".new";
-    const mordel::stream_guard out(std::fopen(fresh.c_str(), "we"));
-    // No fsync: nothing here is asked for after a crash of the machine (see state.h).
-    if (out && std::fwrite(text->data(), 1, text->size(), out.get()) == text->size() &&
-        std::fflush(out.get()) == 0 && std::rename(fresh.c_str(), path.c_str()) == 0)
-        return true;
-    (void)::unlink(fresh.c_str());
-    return false;
+    std::vector<string> names;
+    std::error_code error;  // a missing folder: nothing was applied since the boot
+    std::filesystem::directory_iterator entry(path_, error);
+    for (const std::filesystem::directory_iterator end; !error && entry != end;
+         entry.increment(error)) {
+        const std::filesystem::path &path = entry->path();
+        // A name that no policy can have may hold escape sequences, which a terminal would obey.
+        if (path.extension() == extension && safe_name(path.stem().string()))
+            names.push_back(path.stem().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
 }
+
+// ---- One interface ------------------------------------------------------------------------------
 
 memory state_folder::read(const string &ifname) const
 {
-    return {read_part(ifname, "toml"), read_part(ifname, "start"), read_part(ifname, "rules")};
+    return safe_name(ifname) ? memory_of(file(ifname)) : memory{};
 }
 
 bool state_folder::write(const string &ifname, const memory &m) const
 {
-    // NAME.toml comes after the script: interfaces() counts an interface by its NAME.toml.
-    if (write_part(ifname, "start", m.script) && write_part(ifname, "toml", m.policy) &&
-        write_part(ifname, "rules", m.rules))
-        return true;
+    if (stage(ifname, m) && take_staged(ifname)) return true;
+    drop_staged(ifname);
     forget(ifname);
     return false;
 }
 
 void state_folder::forget(const string &ifname) const
 {
-    for (const char *part : {"toml", "start", "rules"}) (void)::unlink(file(ifname, part).c_str());
+    if (safe_name(ifname)) (void)remove_own(file(ifname));
 }
 
-std::vector<string> state_folder::interfaces() const
+bool state_folder::stage(const string &ifname, const memory &m) const
 {
-    std::vector<string> names;
-    std::error_code none;  // swallows a missing folder: nothing was applied since the boot
-    for (const auto &entry : std::filesystem::directory_iterator(path_, none))
-        if (entry.path().extension() == ".toml") names.push_back(entry.path().stem().string());
-    std::sort(names.begin(), names.end());
-    return names;
+    // What is in the memory's own place is looked at now, while a failure changes nothing yet.
+    return safe_name(ifname) && place_taken(file(ifname)).empty() &&
+           write_own(staged(ifname), text_of(m)).empty();
+}
+
+bool state_folder::take_staged(const string &ifname) const
+{
+    if (!safe_name(ifname)) return false;
+    string why;
+    if (!read_own(staged(ifname), why)) return why.empty();
+    if (read_staged(ifname) != memory{}) return rename_own(staged(ifname), file(ifname)).empty();
+    // The staged file goes last: after a crash it still says that the older memory has to go.
+    return remove_own(file(ifname)).empty() && remove_own(staged(ifname)).empty();
+}
+
+void state_folder::drop_staged(const string &ifname) const
+{
+    if (safe_name(ifname)) (void)remove_own(staged(ifname));
+}
+
+memory state_folder::read_staged(const string &ifname) const
+{
+    return safe_name(ifname) ? memory_of(staged(ifname)) : memory{};
 }
 
 }  // namespace tool

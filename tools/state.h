@@ -8,14 +8,18 @@
 
 namespace tool {
 
-// The memory of one interface. Each part is a file of its own, and may be missing.
+// The memory of one interface. Each part may be missing; a memory without any is none.
 struct memory {
     std::optional<std::string> policy;  // the policy file's text
     std::optional<std::string> script;  // the start script rendered from that policy
     // Its lines of `iptables -S` after the load, on kernels without a namespace to try rules in
     std::optional<std::string> rules;
+    // The policy file's absolute path; none for a policy from standard input
+    std::optional<std::string> source = std::nullopt;
+    bool operator==(const memory &) const = default;
 };
 
+// Of a name that no policy can have nothing is remembered.
 class state_folder {
 public:
     explicit state_folder(std::string path = "/var/run/mordel") : path_(std::move(path)) {}
@@ -26,17 +30,23 @@ public:
     std::string make() const;
 
     memory read(const std::string &ifname) const;
-    // Writes all parts, and removes the file of an absent one. After a failure nothing is
-    // remembered of the interface.
+    // Remembers all parts, and no older one. After a failure nothing is remembered.
     bool write(const std::string &ifname, const memory &m) const;
     void forget(const std::string &ifname) const;
     std::vector<std::string> interfaces() const;  // those with a remembered policy, sorted
 
+    // A memory in two halves, so that those of several interfaces change together: stage() writes
+    // it beside the older one, which stays in force, and take_staged() puts it in the older one's
+    // place. A taken memory without parts forgets the interface.
+    bool stage(const std::string &ifname, const memory &m) const;
+    // May be repeated after a crash: true as well when the staged memory has been taken.
+    bool take_staged(const std::string &ifname) const;
+    void drop_staged(const std::string &ifname) const;
+    memory read_staged(const std::string &ifname) const;
+
 private:
-    std::string file(const std::string &ifname, const char *part) const;
-    std::optional<std::string> read_part(const std::string &ifname, const char *part) const;
-    bool write_part(const std::string &ifname, const char *part,
-                    const std::optional<std::string> &text) const;
+    std::string file(const std::string &ifname) const;
+    std::string staged(const std::string &ifname) const;
 
     std::string path_;
 };

@@ -485,12 +485,12 @@ TEST(Apply, DryRunTellsWhatApplyThenDoes)
     const string other = replaced(replaced(text, "2mbit", "3mbit"), "dscp = 46", "dscp = 44");
     for (const string &now : {text, other}) {
         const string before = state_of(q);
-        const string kept = file_text("/var/run/mordel/" + q + ".start");
+        const string kept = file_text("/var/run/mordel/" + q + ".applied");
         const result dry = mordel({"apply", "--dry-run", "--json", policy_file(now)});
         EXPECT_EQ(0, dry.status) << dry.err;
         EXPECT_EQ(lines{}, changes());
         EXPECT_EQ(before, state_of(q));
-        EXPECT_EQ(kept, file_text("/var/run/mordel/" + q + ".start"));
+        EXPECT_EQ(kept, file_text("/var/run/mordel/" + q + ".applied"));
         EXPECT_EQ(true, dry.parsed()["dry_run"]);
         const json done = apply(now);
         EXPECT_EQ(told(dry)["commands"], done["commands"]);
@@ -821,7 +821,7 @@ TEST(Drift, OfARedBurstIsSeenWithoutTheState)
     const string q = fresh_interface();
     const string text = for_interface(htb_policy, q);
     EXPECT_EQ("built", apply(text)["result"]);
-    fs::remove("/var/run/mordel/" + q + ".start");
+    fs::remove("/var/run/mordel/" + q + ".applied");
     const string other = replaced(text, "burst = 25", "burst = 60");
     ASSERT_NE(text, other);
     EXPECT_EQ("changed", apply(other)["result"]);
@@ -834,15 +834,14 @@ TEST(Drift, OfAMemoryThatCannotBeWrittenIsNone)
     const string q = fresh_interface();
     const string text = for_interface(htb_policy, q);
     EXPECT_EQ("built", apply(text)["result"]);
-    const string memory = "/var/run/mordel/" + q;
-    fs::remove(memory + ".toml");
-    fs::create_directories(memory + ".toml/in the way");
+    const string memory = "/var/run/mordel/" + q + ".applied";
+    fs::remove(memory);
+    fs::create_directories(memory + "/in the way");
     const json done = apply(replaced(text, "2mbit", "3mbit"));
     EXPECT_EQ("changed", done["result"]);
     EXPECT_TRUE(has(done.dump(), "cannot write to /var/run/mordel")) << done;
-    EXPECT_FALSE(fs::exists(memory + ".start"));
-    EXPECT_FALSE(fs::exists(memory + ".toml.new"));
-    fs::remove_all(memory + ".toml");
+    EXPECT_FALSE(fs::exists(memory + ".new"));
+    fs::remove_all(memory);
 }
 
 TEST(Structure, ChangesRebuildTheTree)
@@ -962,8 +961,7 @@ TEST(Failure, HalfWayLeavesTheDefaultAndNoChain)
             EXPECT_NE("", failure["error"]);
             expect_blame(failure, policy, r.sign, q);
             expect_default(q);
-            EXPECT_FALSE(fs::exists("/var/run/mordel/" + q + ".toml"));
-            EXPECT_FALSE(fs::exists("/var/run/mordel/" + q + ".start"));
+            EXPECT_FALSE(fs::exists("/var/run/mordel/" + q + ".applied"));
         }
     EXPECT_EQ(untouched, state_of(neighbour));
 }
@@ -1029,7 +1027,7 @@ TEST(Stop, TakesEverythingAwayEvenJumpsThatAreThereTwice)
     const result r = mordel({"stop", file});
     EXPECT_EQ(0, r.status) << r.err;
     expect_default(q);
-    EXPECT_FALSE(fs::exists("/var/run/mordel/" + q + ".toml"));
+    EXPECT_FALSE(fs::exists("/var/run/mordel/" + q + ".applied"));
     const result again = mordel({"stop", file});
     EXPECT_EQ(0, again.status);
     EXPECT_EQ(q + ": nothing to do\n", again.out);
