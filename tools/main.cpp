@@ -51,7 +51,8 @@ struct options {
     watch_options watch;
 };
 
-void complain(const string &what) { std::fprintf(stderr, "mordel: %s\n", what.c_str()); }
+// A message may quote a name or a text of the kernel's: no escape sequence gets to the terminal.
+void complain(const string &what) { std::fprintf(stderr, "mordel: %s\n", harmless(what).c_str()); }
 
 // ---- Policies -----------------------------------------------------------------------------------
 

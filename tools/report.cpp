@@ -86,11 +86,12 @@ json object_json(const object &o)
 string outcome_text(const outcome &r, bool dry_run)
 {
     // "unchanged" is the word for programs; a person is told why nothing happened.
-    if (r.result == effect::none) return r.name + ": nothing to do\n";
-    string out = r.name + ": ";
+    // harmless: names, and rules as the table lists them, may hold escape sequences.
+    string out = harmless(r.name) + ": ";
+    if (r.result == effect::none) return out + "nothing to do\n";
     if (dry_run) {
         out += format("would be %s by\n", word_for(r));
-        for (const step &s : r.steps) out += "  " + step_text(s) + "\n";
+        for (const step &s : r.steps) out += "  " + harmless(step_text(s)) + "\n";
         return out;
     }
     const counts n = count(r.steps);

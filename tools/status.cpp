@@ -129,10 +129,13 @@ string status_text(const interface_status &s, const look &how)
     const char *bold = how.colour ? "\033[1m" : "";
     const char *red = how.colour ? "\033[31m" : "";
     const char *plain = how.colour ? "\033[0m" : "";
-    // harmless: an interface's name may hold escape sequences, which a terminal would obey.
-    string out = format("%s%s%s  %s\n", bold, harmless(s.name).c_str(), plain, headline(s).c_str());
-    for (const string &d : s.differences) out += format("  %s%s%s\n", red, d.c_str(), plain);
-    for (const string &n : s.notes) out += "  (" + n + ")\n";
+    // harmless: an interface's name and a qdisc's kind may hold escape sequences, which a terminal
+    // would obey.
+    string out = format("%s%s%s  %s\n", bold, harmless(s.name).c_str(), plain,
+                        harmless(headline(s)).c_str());
+    for (const string &d : s.differences)
+        out += format("  %s%s%s\n", red, harmless(d).c_str(), plain);
+    for (const string &n : s.notes) out += "  (" + harmless(n) + ")\n";
     if (s.classes.empty()) return out;
     out += format("  %-6s %-16s %10s  %-22s %14s %10s %8s %10s\n", "class", "name", "now", "limits",
                   "sent", "packets", "drops", "backlog");

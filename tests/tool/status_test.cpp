@@ -172,6 +172,18 @@ TEST(StatusText, IsATable)
               status_text(s, {true, false}));
 }
 
+// The kernel's kinds are texts of a module's choice, notes quote what programs said.
+TEST(StatusText, HasNoControlCharacters)
+{
+    interface_status s;
+    s.name = "q0";
+    s.root = "\033[2J";
+    s.policy_known = true;
+    s.differences = {"leaf is \a\x7f 100:"};
+    s.notes = {"\r"};
+    EXPECT_EQ("q0  ?[2J, not as the policy says:\n  leaf is ?? 100:\n  (?)\n", status_text(s, {}));
+}
+
 TEST(StatusJson, HasEveryInterface)
 {
     EXPECT_EQ("{\n  \"interfaces\": []\n}\n", tool::status_json({}));
