@@ -72,18 +72,23 @@ std::optional<string> take_counted(string_view &rest)
     return text;
 }
 
-// No part for a file that is not ours, cut short or of another version.
-memory memory_of(const string &path)
+// No part for a file that was cut short, or is of another version.
+memory parse_memory(const string &file)
 {
-    string ignored;  // apply says the same when it writes
-    const auto file = read_own(path, ignored);
-    const auto text = file ? unsealed(*file) : std::nullopt;
+    const auto text = unsealed(file);
     string_view rest = text ? string_view(*text) : string_view();
     memory m;
     if (!take(rest, head)) return {};
     for (const memory_part &p : parts)
         if (take(rest, string(p.name) + " ") && !(m.*p.text = take_counted(rest))) return {};
     return rest.empty() ? m : memory{};
+}
+
+memory read_memory(const string &path)
+{
+    string ignored;  // what is wrong with a file, stage() refuses
+    const auto file = read_own(path, ignored);
+    return file ? parse_memory(*file) : memory{};
 }
 
 }  // namespace
@@ -130,7 +135,7 @@ std::vector<string> state_folder::interfaces() const
 
 memory state_folder::read(const string &ifname) const
 {
-    return safe_name(ifname) ? memory_of(file(ifname)) : memory{};
+    return safe_name(ifname) ? read_memory(file(ifname)) : memory{};
 }
 
 bool state_folder::write(const string &ifname, const memory &m) const
@@ -157,8 +162,9 @@ bool state_folder::take_staged(const string &ifname) const
 {
     if (!safe_name(ifname)) return false;
     string why;
-    if (!read_own(staged(ifname), why)) return why.empty();
-    if (read_staged(ifname) != memory{}) return rename_own(staged(ifname), file(ifname)).empty();
+    const auto fresh = read_own(staged(ifname), why);
+    if (!fresh) return why.empty();
+    if (parse_memory(*fresh) != memory{}) return rename_own(staged(ifname), file(ifname)).empty();
     // The staged file goes last: after a crash it still says that the older memory has to go.
     return remove_own(file(ifname)).empty() && remove_own(staged(ifname)).empty();
 }
@@ -170,7 +176,7 @@ void state_folder::drop_staged(const string &ifname) const
 
 memory state_folder::read_staged(const string &ifname) const
 {
-    return safe_name(ifname) ? memory_of(staged(ifname)) : memory{};
+    return safe_name(ifname) ? read_memory(staged(ifname)) : memory{};
 }
 
 }  // namespace tool
