@@ -131,8 +131,7 @@ string rename_own(const string &from, const string &to)
 string replace_own(const string &path, const string &text)
 {
     const string fresh = path + ".new";
-    string why = place_taken(path);
-    if (why.empty()) why = write_own(fresh, text);
+    string why = write_own(fresh, text);
     if (!why.empty()) return why;
     why = rename_own(fresh, path);
     if (!why.empty()) (void)::unlink(fresh.c_str());

@@ -172,6 +172,10 @@ for text in '$(touch hit)' '`touch hit`' 'a;touch hit' 'a|touch hit' 'a&touch hi
     run 2 check "$text"
     lines 1
     no_escape
+    run 1 status "$text"
+    nothing out
+    lines 1
+    no_escape
     cp good.toml "$text.toml"
     run 0 render "$text.toml"
     grep -q '^tc ' out || fail "$what: no script"

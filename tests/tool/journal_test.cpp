@@ -156,6 +156,10 @@ TEST(JournalText, WithAnotherSetOfValuesIsNotOurs)
     other["entries"][0]["tree"][0].push_back(1);
     EXPECT_EQ(std::nullopt, parse_journal(other.dump())) << "a command with one value more";
     other = whole;
+    other["entries"][0]["tree"][0] = {{"a", "x"}, {"b", "root"}, {"c", 0},
+                                      {"d", ""},  {"e", 0},      {"f", false}};
+    EXPECT_EQ(std::nullopt, parse_journal(other.dump())) << "a command that is no list";
+    other = whole;
     other["entries"][0]["tree"][0][1] = "qdisc";
     EXPECT_EQ(std::nullopt, parse_journal(other.dump())) << "an unknown kind of object";
     other = whole;

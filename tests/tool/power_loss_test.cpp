@@ -317,6 +317,18 @@ TEST_F(PowerLoss, AFailedCallLeavesTheOldMemoryOrNone)
     }
 }
 
+// What somebody plants between our unlink and our open is not written to.
+TEST_F(PowerLoss, AFileThatIsPlantedMeanwhileIsLeftAlone)
+{
+    const string planted = root_ + "/journal.new";
+    std::ofstream(root_ + "/elsewhere") << "untouched";
+    fs::create_symlink(root_ + "/elsewhere", planted);
+    file_watch watch("unlink", 1, ENOENT);  // as if the link came right after the unlink
+    EXPECT_EQ("cannot write " + planted + ": File exists", the_file().write({}));
+    EXPECT_EQ("untouched", on_disk()["elsewhere"]);
+    EXPECT_TRUE(watch.heal());
+}
+
 // A disk that is full at any byte of the new journal
 TEST_F(PowerLoss, AFullDiskLeavesTheOldJournal)
 {

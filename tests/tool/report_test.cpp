@@ -53,6 +53,20 @@ TEST(Report, ToAPerson)
     EXPECT_EQ("q0: would be built by\n  /var/tmp/qos_start\n", outcome_text(script, true));
 }
 
+// A rule that the table lists may hold any byte, and so may the name of an interface to stop.
+TEST(Report, HasNoControlCharacters)
+{
+    outcome r = two_steps(effect::changed);
+    r.steps.erase(r.steps.begin());
+    r.name = "\033[2J";
+    r.steps[0].command = "-D QOS_q0 -m comment --comment \"\033c\"";
+    EXPECT_EQ("?[2J: would be changed by\n"
+              "  iptables-restore: -D QOS_q0 -m comment --comment \"?c\"\n",
+              outcome_text(r, true));
+    r.result = effect::none;
+    EXPECT_EQ("?[2J: nothing to do\n", outcome_text(r, true));
+}
+
 TEST(Report, OfAFailure)
 {
     outcome r = two_steps(effect::built);

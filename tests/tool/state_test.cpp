@@ -119,6 +119,7 @@ TEST_F(State, ThatCannotBeWrittenIsNone)
         ASSERT_TRUE(state.write("q0", {"a", "b", "c"}));
         fs::remove(path(file));
         fs::create_directories(path(file) + "/more");
+        EXPECT_FALSE(state.stage("q0", {"d", "e", "f"}));
         EXPECT_FALSE(state.write("q0", {"d", "e", "f"}));
         EXPECT_EQ(memory{}, state.read("q0"));
         EXPECT_EQ(memory{}, state.read_staged("q0"));
