@@ -116,14 +116,14 @@ string write_own(const string &path, const string &text)
                                      S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH)};
     if (!fd) return cannot("write", path);
     if (write_all(fd.get(), text) && ::fsync(fd.get()) == 0) return "";
-    const string why = cannot("write", path);
+    string why = cannot("write", path);
     (void)::unlink(path.c_str());
     return why;
 }
 
 string rename_own(const string &from, const string &to)
 {
-    if (const string why = place_taken(to); !why.empty()) return why;
+    if (string why = place_taken(to); !why.empty()) return why;
     if (std::rename(from.c_str(), to.c_str()) != 0) return cannot("write", to);
     return sync_folder_of(to);
 }

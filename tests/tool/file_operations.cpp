@@ -11,7 +11,6 @@
 
 namespace {
 
-using test::operation;
 using kind = test::operation::kind;
 
 test::file_watch *watching = nullptr;
@@ -38,12 +37,12 @@ int __wrap_open(const char *path, int flags, ...)
     if (fails("open")) return -1;
     const int fd = __real_open(path, flags, mode);
     if (watching == nullptr || fd < 0) return fd;
-    watching->open_.erase(fd);
+    watching->descriptors.erase(fd);
     if ((flags & O_CREAT) != 0) {
         watching->record({kind::create, name_of(path), "", ++watching->files});
-        watching->open_[fd] = watching->files;
+        watching->descriptors[fd] = watching->files;
     } else if ((flags & O_DIRECTORY) != 0) {
-        watching->open_[fd] = 0;
+        watching->descriptors[fd] = 0;
     }
     return fd;
 }
@@ -53,11 +52,11 @@ ssize_t __wrap_write(int fd, const void *bytes, size_t size)
 {
     const bool fail = fails("write");
     const ssize_t n = __real_write(fd, bytes, fail ? size / 2 : size);
-    if (n > 0 && watching != nullptr && watching->open_.contains(fd))
+    if (n > 0 && watching != nullptr && watching->descriptors.contains(fd))
         watching->record({kind::write,
                           "",
                           {static_cast<const char *>(bytes), static_cast<size_t>(n)},
-                          watching->open_[fd]});
+                          watching->descriptors[fd]});
     if (fail) errno = EIO;
     return fail ? -1 : n;
 }
@@ -67,8 +66,8 @@ int __wrap_fsync(int fd)
 {
     if (fails("fsync")) return -1;
     const int result = __real_fsync(fd);
-    if (result == 0 && watching != nullptr && watching->open_.contains(fd)) {
-        const int file = watching->open_[fd];
+    if (result == 0 && watching != nullptr && watching->descriptors.contains(fd)) {
+        const int file = watching->descriptors[fd];
         watching->record({file == 0 ? kind::sync_folder : kind::sync_file, "", "", file});
     }
     return result;

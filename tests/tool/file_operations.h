@@ -41,8 +41,8 @@ public:
     // For the wrapped calls
     bool fails(const std::string &function);
     void record(const operation &o) { operations_.push_back(o); }
-    int files = 0;             // created so far
-    std::map<int, int> open_;  // descriptor to file; 0: a folder
+    int files = 0;                   // created so far
+    std::map<int, int> descriptors;  // descriptor to file; 0: a folder
 
 private:
     std::string function_;
