@@ -224,10 +224,10 @@ void compare_curve(u32 handle, const char *name, const std::optional<live_curve>
                    const hfsc_curve *wanted, differences &found)
 {
     // `tc class change` sets the curves that it names and takes none away. When a class has other
-    // curves than it should, the tree is built anew (scope::tree).
+    // curves than it should, it is deleted and added.
     const bool present = seen && (seen->m1 != 0 || seen->m2 != 0);
     if (present != (wanted != nullptr)) {
-        found.add(difference::scope::tree, handle,
+        found.add(difference::scope::remade_class, handle,
                   format(present ? "has a curve %s" : "has no curve %s", name));
         return;
     }

@@ -35,19 +35,20 @@ void compare_leaf(const tree_class &c, const live_qdisc *seen, differences &foun
         kind.compare(c.handle, c.leaf, *seen, found);
 }
 
-void compare_class(const class_kind &kind, const tree_class &c, const live_tree &kernel,
+void compare_class(const class_kind &kind, const tree_class &c, const live_index &kernel,
                    differences &found)
 {
     const live_class *seen = kernel.find(root_id | c.handle);
     if (seen == nullptr) {
-        found.add(scope::tree, c.handle, "is not there");
+        found.add(scope::new_class, c.handle, "is not there");
         return;
     }
     const u32 parent = root_id | c.parent;
     // HTB names the root as a parent by TC_H_ROOT; HFSC and PRIO say 1:0.
     const u32 seen_parent = seen->parent == TC_H_ROOT ? root_id : seen->parent;
     if (seen_parent != parent)
-        found.add(scope::tree, c.handle,
+        // The kernel moves no class to another parent.
+        found.add(scope::remade_class, c.handle,
                   format("hangs on 1:%x, not on 1:%x", seen_parent & 0xffff, parent & 0xffff));
     kind.compare(c, *seen, found);
     if (!c.has_children) compare_leaf(c, kernel.leaf_of(root_id | c.handle), found);
@@ -61,22 +62,23 @@ void compare_filters(const std::vector<tree_class> &tree, const live_tree &kerne
     std::map<u32, u32> seen;
     for (const live_filter &f : kernel.filters)
         if (!f.plain || !seen.emplace(f.mark, f.id).second)
-            found.add(scope::tree, 0, "a filter on the root is not in the policy");
+            found.add(scope::filter, 0, "a filter on the root is not in the policy");
     std::set<u32> wanted;
     for (const tree_class &c : tree) {
         if (c.has_children) continue;
         wanted.insert(c.handle);
         const auto filter = seen.find(c.handle);
         if (filter == seen.end())
-            found.add(scope::tree, c.handle, format("no filter sends mark 0x%x there", c.handle));
+            found.add(scope::filter, c.handle, format("no filter sends mark 0x%x there", c.handle));
         else if (filter->second != (root_id | c.handle))
-            found.add(scope::tree, c.handle,
+            found.add(scope::filter, c.handle,
                       format("mark 0x%x goes to %x:%x", c.handle, filter->second >> 16,
                              filter->second & 0xffff));
     }
     for (const auto &[mark, id] : seen)
         if (!wanted.contains(mark))
-            found.add(scope::tree, 0, format("a filter for mark 0x%x is not in the policy", mark));
+            found.add(scope::filter, 0,
+                      format("a filter for mark 0x%x is not in the policy", mark));
 }
 
 }  // namespace
@@ -88,10 +90,15 @@ std::vector<difference> compare(const policy_interface &iface, const live_tree &
     if (!kind.compare(iface, kernel, found)) return found.all();
     // Parents first, so that the first difference of a missing branch names its top.
     const std::vector<tree_class> tree = tree_of(iface);
-    for (const tree_class &c : tree) compare_class(*kind.classes, c, kernel, found);
+    const live_index index(kernel);
+    std::set<u32> wanted;
+    for (const tree_class &c : tree) {
+        wanted.insert(c.handle);
+        compare_class(*kind.classes, c, index, found);
+    }
     for (const live_class &seen : kernel.classes)
-        if (find_class(tree, seen.id & 0xffff) == nullptr)
-            found.add(scope::tree, seen.id & 0xffff, "is not in the policy");
+        if (!wanted.contains(seen.id & 0xffff))
+            found.add(scope::old_class, seen.id & 0xffff, "is not in the policy");
     compare_filters(tree, kernel, found);
     return found.all();
 }

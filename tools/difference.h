@@ -13,20 +13,29 @@
 namespace tool {
 
 struct difference {
-    // What mends the difference: building the whole tree anew, changing one class in place, or
-    // changing or replacing one leaf qdisc. plan.cpp makes its steps by this.
-    enum class scope { tree, class_parameters, leaf } what = scope::tree;
-    u32 handle = 0;    // of the class; 0: of the root
-    std::string text;  // "ceil is 3mbit, not 20mbit"
+    // What mends the difference. in_place.cpp makes its steps by this.
+    enum class scope {
+        tree,              // a new tree: another kind of root, or what no root is changed in
+        root,              // the root is changed
+        new_class,         // the class is added, with all that belongs to it
+        class_parameters,  // the class is changed
+        remade_class,      // the class is deleted and added: what no class is changed in
+        old_class,         // the class is deleted, with all that belongs to it
+        leaf,              // the leaf qdisc is changed or replaced
+        filter             // the filter is added, replaced or deleted
+    } what = scope::tree;
+    u32 handle = 0;            // of the class; 0: of the root
+    std::string text;          // "ceil is 3mbit, not 20mbit"
+    std::string because = {};  // of scope tree: why the kernel cannot do otherwise
 };
 
 class differences {
 public:
     using scope = difference::scope;
 
-    void add(scope what, u32 handle, std::string text)
+    void add(scope what, u32 handle, std::string text, std::string because = "")
     {
-        all_.push_back({what, handle, std::move(text)});
+        all_.push_back({what, handle, std::move(text), std::move(because)});
     }
     void number(scope what, u32 handle, const char *name, u32 seen, u32 wanted)
     {

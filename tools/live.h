@@ -3,6 +3,7 @@
 // output of tc, which rounds. tc_dump.cpp fills the records.
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -88,6 +89,29 @@ struct live_tree {
     // The qdisc that hangs on a class, and the class; null when there is none. id: live_class.id.
     const live_qdisc *leaf_of(u32 id) const;
     const live_class *find(u32 id) const;
+};
+
+// Finds the objects of a tree. live_tree::find() would search 2,001 classes for each of them. The
+// tree must outlive it.
+class live_index {
+public:
+    explicit live_index(const live_tree &of)
+    {
+        for (const live_class &c : of.classes) classes_.emplace(c.id, &c);
+        for (const live_qdisc &q : of.qdiscs) leaves_.emplace(q.parent, &q);
+    }
+    const live_class *find(u32 id) const { return found(classes_, id); }
+    const live_qdisc *leaf_of(u32 id) const { return found(leaves_, id); }
+
+private:
+    template <typename Object>
+    static const Object *found(const std::map<u32, const Object *> &all, u32 id)
+    {
+        const auto one = all.find(id);
+        return one == all.end() ? nullptr : one->second;
+    }
+    std::map<u32, const live_class *> classes_;
+    std::map<u32, const live_qdisc *> leaves_;
 };
 
 }  // namespace tool

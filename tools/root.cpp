@@ -19,8 +19,7 @@ namespace {
 using std::string;
 using std::vector;
 using json = nlohmann::ordered_json;
-// A root that differs is mended by a new tree: nothing below a root survives its removal.
-constexpr auto scope = difference::scope::tree;
+using scope = difference::scope;
 
 // ---- What several of them share -----------------------------------------------------------------
 
@@ -63,13 +62,14 @@ bool is_the_root(const policy_interface &wanted, const live_tree &seen, differen
     const string kind(kind_of(wanted).name);
     const live_qdisc *root = seen.root();
     if (root == nullptr) {
-        found.add(scope, 0, "has no " + kind + ", but its default qdisc");
+        found.add(scope::tree, 0, "has no " + kind + ", but its default qdisc");
         return false;
     }
     if (root->kind != kind || root->handle != root_id) {
-        found.add(scope, 0,
+        found.add(scope::tree, 0,
                   format("root qdisc is %s %x:, not %s 1:", root->kind.c_str(), root->handle >> 16,
-                         kind.c_str()));
+                         kind.c_str()),
+                  "the kernel changes neither kind nor number of a root");
         return false;
     }
     return true;
@@ -174,7 +174,11 @@ const automark_value *classful_automark(const policy_interface &iface)
 void htb_from_kernel(live_qdisc &seen, const attribute &options)
 {
     each_attribute(options.value, [&](const attribute &a) {
-        if (a.type == TCA_HTB_INIT) seen.default_class = a.as<tc_htb_glob>().defcls;
+        if (a.type != TCA_HTB_INIT) return;
+        const auto root = a.as<tc_htb_glob>();
+        seen.default_class = root.defcls;
+        constexpr u32 usual = 10;  // where r2q is not given
+        seen.more = root.rate2quantum != usual;
     });
 }
 
@@ -189,13 +193,27 @@ string hfsc_root_command(const live_qdisc &q)
     return format("hfsc default 0x%x", q.default_class);
 }
 
-bool compare_classful(const policy_interface &wanted, const live_tree &seen, differences &found)
+void compare_default(scope what, const policy_interface &wanted, const live_tree &seen,
+                     differences &found, const char *because = "")
 {
-    if (!is_the_root(wanted, seen, found)) return false;
     const u32 handle = wanted.param.classful.default_class;
     if (seen.root()->default_class != handle)
-        found.add(scope, 0,
-                  format("default class is 1:%x, not 1:%x", seen.root()->default_class, handle));
+        found.add(what, 0,
+                  format("default class is 1:%x, not 1:%x", seen.root()->default_class, handle),
+                  because);
+}
+
+bool compare_htb(const policy_interface &wanted, const live_tree &seen, differences &found)
+{
+    if (!is_the_root(wanted, seen, found)) return false;
+    compare_default(scope::tree, wanted, seen, found, "the kernel changes no default class of HTB");
+    return true;
+}
+
+bool compare_hfsc(const policy_interface &wanted, const live_tree &seen, differences &found)
+{
+    if (!is_the_root(wanted, seen, found)) return false;
+    compare_default(scope::root, wanted, seen, found);
     return true;
 }
 
@@ -291,9 +309,9 @@ bool compare_prio(const policy_interface &wanted, const live_tree &seen, differe
     const prio_root_param &p = wanted.param.prio;
     const live_qdisc &root = *seen.root();
     if (root.bands != p.bands)
-        found.add(scope, 0, format("has %u bands, not %d", root.bands, p.bands));
+        found.add(scope::root, 0, format("has %u bands, not %d", root.bands, p.bands));
     else if (root.priomap != vector<u8>(std::begin(p.priomap), std::end(p.priomap)))
-        found.add(scope, 0, "the priority map differs");
+        found.add(scope::root, 0, "the priority map differs");
     return true;
 }
 
@@ -331,10 +349,10 @@ void nothing_from_kernel(live_qdisc &, const attribute &) {}
 bool compare_pfifo_fast(const policy_interface &wanted, const live_tree &seen, differences &found)
 {
     if (const live_qdisc *root = seen.root())
-        found.add(scope, 0, "has the root qdisc " + root->kind + ", not its default");
+        found.add(scope::tree, 0, "has the root qdisc " + root->kind + ", not its default");
     const u32 length = wanted.param.pfifo_fast.queue_len;
     if (seen.queue_len != length)
-        found.add(scope, 0, format("queue length is %u, not %u", seen.queue_len, length));
+        found.add(scope::tree, 0, format("queue length is %u, not %u", seen.queue_len, length));
     return false;
 }
 
@@ -358,11 +376,11 @@ constexpr root_kind kinds[] = {
      pfifo_fast_text, no_default, pfifo_fast_json},
     {"htb", &htb_class, R_HTB, true,
      read_htb, check_htb, classful_automark, htb_from_kernel, htb_root_command,
-     compare_classful,
+     compare_htb,
      no_text, default_of, classful_json},
     {"hfsc", &hfsc_class, R_HFSC, true,
      read_hfsc, check_hfsc, classful_automark, hfsc_from_kernel, hfsc_root_command,
-     compare_classful,
+     compare_hfsc,
      no_text, default_of, classful_json},
     {"prio", &prio_band, R_PRIO, false,
      read_prio, check_prio, prio_automark, prio_from_kernel, prio_root_command,

@@ -44,9 +44,9 @@ string differences(const policy_interface &iface, const live_tree &kernel)
 {
     string all;
     for (const difference &d : tool::compare(iface, kernel)) {
-        const char *what = d.what == difference::scope::tree               ? "tree"
-                           : d.what == difference::scope::class_parameters ? "class"
-                                                                           : "leaf";
+        constexpr const char *words[] = {"tree",   "root", "new",  "class",
+                                         "remade", "old",  "leaf", "filter"};
+        const char *what = words[static_cast<int>(d.what)];
         all += tool::format("%s %x: %s\n", what, d.handle, d.text.c_str());
     }
     return all;
@@ -308,33 +308,34 @@ TEST(Compare, ClassesThatAreMissingOrElsewhere)
     expect_differences(
         interface(htb_policy), htb_tree(),
         {
-            {[](live_tree &t) { without_class(t, 0x10); }, "tree 10: is not there\n"},
+            {[](live_tree &t) { without_class(t, 0x10); }, "new 10: is not there\n"},
             // Nothing more is said of one, not even of its leaf.
             {[](live_tree &t) {
                  without_class(t, 0x10);
                  without_leaf(t, 0x10);
              },
-             "tree 10: is not there\n"},
+             "new 10: is not there\n"},
             {[](live_tree &t) { of(t, 0x10).parent = 0x10001; },
-             "tree 10: hangs on 1:1, not on 1:3\n"},
+             "remade 10: hangs on 1:1, not on 1:3\n"},
             {[](live_tree &t) { of(t, 0x12).parent = TC_H_ROOT; },
-             "tree 12: hangs on 1:0, not on 1:11\n"},
+             "remade 12: hangs on 1:0, not on 1:11\n"},
             {[](live_tree &t) { of(t, 0x12).parent = 0x10000; },
-             "tree 12: hangs on 1:0, not on 1:11\n"},
-            {[](live_tree &t) { of(t, 1).parent = 0x10002; }, "tree 1: hangs on 1:2, not on 1:0\n"},
+             "remade 12: hangs on 1:0, not on 1:11\n"},
+            {[](live_tree &t) { of(t, 1).parent = 0x10002; },
+             "remade 1: hangs on 1:2, not on 1:0\n"},
             {[](live_tree &t) { of(t, 1).parent = 0x10000; }, ""},  // two names of the root
             {[](live_tree &t) {
                  of(t, 0x10).parent = 0x10011;
                  of(t, 0x10).prio = 1;
                  leaf(t, 0x10).limit = 1;
              },
-             "tree 10: hangs on 1:11, not on 1:3\nclass 10: prio is 1, not 5\n"
+             "remade 10: hangs on 1:11, not on 1:3\nclass 10: prio is 1, not 5\n"
              "leaf 10: limit is 1, not 50\n"},
             {[](live_tree &t) {
                  t.classes.push_back(htb(0x20, 3, 1, 1, 1, 1, 0));
                  t.classes.push_back(htb(0xffff, 3, 1, 1, 1, 1, 0));
              },
-             "tree 20: is not in the policy\ntree ffff: is not in the policy\n"},
+             "old 20: is not in the policy\nold ffff: is not in the policy\n"},
         });
 }
 
@@ -456,28 +457,31 @@ TEST(Compare, ALongTbfLimitIsNearByAMillionth)
 
 TEST(Compare, EachLeafClassHasItsFilter)
 {
-    const char *const other = "tree 0: a filter on the root is not in the policy\n";
+    const char *const other = "filter 0: a filter on the root is not in the policy\n";
     expect_differences(
         interface(htb_policy), htb_tree(),
         {
             {[](live_tree &t) { std::swap(t.filters[0], t.filters[3]); }, ""},
             {[](live_tree &t) { t.filters.erase(t.filters.begin() + 1); },
-             "tree 10: no filter sends mark 0x10 there\n"},
+             "filter 10: no filter sends mark 0x10 there\n"},
             {[](live_tree &t) { t.filters.clear(); },
-             "tree 2: no filter sends mark 0x2 there\ntree 10: no filter sends mark 0x10 there\n"
-             "tree 12: no filter sends mark 0x12 there\ntree 13: no filter sends mark 0x13 "
+             "filter 2: no filter sends mark 0x2 there\nfilter 10: no filter sends mark 0x10 "
+             "there\n"
+             "filter 12: no filter sends mark 0x12 there\nfilter 13: no filter sends mark 0x13 "
              "there\n"},
-            {[](live_tree &t) { t.filters[1].id = 0x10012; }, "tree 10: mark 0x10 goes to 1:12\n"},
-            {[](live_tree &t) { t.filters[1].id = 0x20010; }, "tree 10: mark 0x10 goes to 2:10\n"},
-            {[](live_tree &t) { t.filters[1].id = 0; }, "tree 10: mark 0x10 goes to 0:0\n"},
+            {[](live_tree &t) { t.filters[1].id = 0x10012; },
+             "filter 10: mark 0x10 goes to 1:12\n"},
+            {[](live_tree &t) { t.filters[1].id = 0x20010; },
+             "filter 10: mark 0x10 goes to 2:10\n"},
+            {[](live_tree &t) { t.filters[1].id = 0; }, "filter 10: mark 0x10 goes to 0:0\n"},
             {[](live_tree &t) { t.filters.push_back(filter(0x11)); },
-             "tree 0: a filter for mark 0x11 is not in the policy\n"},
+             "filter 0: a filter for mark 0x11 is not in the policy\n"},
             {[](live_tree &t) {
                  t.filters.push_back(filter(0x99));
                  t.filters.push_back(filter(0x20));
              },
-             "tree 0: a filter for mark 0x20 is not in the policy\n"
-             "tree 0: a filter for mark 0x99 is not in the policy\n"},
+             "filter 0: a filter for mark 0x20 is not in the policy\n"
+             "filter 0: a filter for mark 0x99 is not in the policy\n"},
             {[&](live_tree &t) {
                  t.filters.push_back({0x99, 0x10010, false});
              },
@@ -486,7 +490,7 @@ TEST(Compare, EachLeafClassHasItsFilter)
             {[](live_tree &t) { t.filters.push_back(filter(0x10)); }, other},
             // Not plain: it stands for none.
             {[](live_tree &t) { t.filters[1].plain = false; },
-             string(other) + "tree 10: no filter sends mark 0x10 there\n"},
+             string(other) + "filter 10: no filter sends mark 0x10 there\n"},
             {[](live_tree &t) {
                  t.filters[0].plain = false;
                  t.filters.push_back(filter(2));
@@ -544,23 +548,24 @@ TEST(Compare, AnHfscClassHasTheCurvesThatAreWritten)
         hfsc_interface("ul = '16mbit'\nsc = '8mbit'\nls = '1mbit'\nrt = '1mbit'"),
         hfsc_tree(one, one, two),
         {
-            {[](live_tree &t) { of(t, 0x11).rsc.reset(); }, "tree 11: has no curve rt\n"},
-            {[](live_tree &t) { of(t, 0x11).fsc.reset(); }, "tree 11: has no curve ls\n"},
-            {[](live_tree &t) { of(t, 0x11).usc.reset(); }, "tree 11: has no curve ul\n"},
-            {[](live_tree &t) { of(t, 0x11).usc = live_curve{}; }, "tree 11: has no curve ul\n"},
+            {[](live_tree &t) { of(t, 0x11).rsc.reset(); }, "remade 11: has no curve rt\n"},
+            {[](live_tree &t) { of(t, 0x11).fsc.reset(); }, "remade 11: has no curve ls\n"},
+            {[](live_tree &t) { of(t, 0x11).usc.reset(); }, "remade 11: has no curve ul\n"},
+            {[](live_tree &t) { of(t, 0x11).usc = live_curve{}; }, "remade 11: has no curve ul\n"},
             // Any of these is there.
             {[](live_tree &t) {
                  of(t, 0x11).usc = live_curve{9, 0, 0};
              },
              "class 11: curve ul is 72bit for 0us, then 0kbit; not 0kbit for 0us, then 16mbit\n"},
             {[](live_tree &t) { of(t, 0x11) = hfsc(0x11, 0x10, none, none, none); },
-             "tree 11: has no curve ul\ntree 11: has no curve rt\ntree 11: has no curve ls\n"},
+             "remade 11: has no curve ul\nremade 11: has no curve rt\nremade 11: has no curve "
+             "ls\n"},
             {[](live_tree &t) { t.qdiscs[0].default_class = 0x10; },
-             "tree 0: default class is 1:10, not 1:11\n"},
+             "root 0: default class is 1:10, not 1:11\n"},
             {[](live_tree &t) { t.qdiscs[0].kind = "htb"; },
              "tree 0: root qdisc is htb 1:, not hfsc 1:\n"},
             {[](live_tree &t) { of(t, 0x11).parent = TC_H_ROOT; },
-             "tree 11: hangs on 1:0, not on 1:10\n"},
+             "remade 11: hangs on 1:0, not on 1:10\n"},
             {[](live_tree &t) { of(t, 0x10).fsc = line(4000000); },
              "class 10: curve ls is 0kbit for 0us, then 32mbit; not 0kbit for 0us, then 40mbit\n"},
         });
@@ -568,18 +573,18 @@ TEST(Compare, AnHfscClassHasTheCurvesThatAreWritten)
         return [=](live_tree &t) { of(t, 0x11).*curve = line(1000000); };
     };
     expect_differences(hfsc_interface("ls = '8mbit'\nrt = '1mbit'"), hfsc_tree(none, one, none),
-                       {{more(&live_class::usc), "tree 11: has a curve ul\n"},
-                        {more(&live_class::rsc), "tree 11: has a curve rt\n"},
+                       {{more(&live_class::usc), "remade 11: has a curve ul\n"},
+                        {more(&live_class::rsc), "remade 11: has a curve rt\n"},
                         {[](live_tree &t) {
                              of(t, 0x11).rsc = live_curve{0, 5, 0};
                          },
                          ""}});
     expect_differences(hfsc_interface("rt = '8mbit'"), hfsc_tree(one, none, none),
-                       {{more(&live_class::fsc), "tree 11: has a curve ls\n"},
-                        {more(&live_class::usc), "tree 11: has a curve ul\n"}});
+                       {{more(&live_class::fsc), "remade 11: has a curve ls\n"},
+                        {more(&live_class::usc), "remade 11: has a curve ul\n"}});
     expect_differences(hfsc_interface("ul = '8mbit'"), hfsc_tree(none, none, one),
-                       {{more(&live_class::fsc), "tree 11: has a curve ls\n"},
-                        {more(&live_class::rsc), "tree 11: has a curve rt\n"}});
+                       {{more(&live_class::fsc), "remade 11: has a curve ls\n"},
+                        {more(&live_class::rsc), "remade 11: has a curve rt\n"}});
 }
 
 // The kernel takes no rt of an inner class, so none is written.
@@ -593,7 +598,7 @@ TEST(Compare, AnInnerHfscClassHasNoRt)
     of(t, 0x10) = hfsc(0x10, 0, none, none, none);
     expect_differences(
         iface, t,
-        {{[](live_tree &o) { of(o, 0x10).rsc = line(1000000); }, "tree 10: has a curve rt\n"}});
+        {{[](live_tree &o) { of(o, 0x10).rsc = line(1000000); }, "remade 10: has a curve rt\n"}});
 }
 
 TEST(Compare, TheDefaultTreeOfHfsc)
@@ -751,7 +756,7 @@ TEST(Compare, PriosBandsAndItsMap)
     t.qdiscs = {root, sfq(1, 5), pfifo(2, 9)};
     t.classes = {class_of(1, 0), class_of(2, 0)};
     t.filters = {filter(1), filter(2)};
-    const char *const map = "tree 0: the priority map differs\n";
+    const char *const map = "root 0: the priority map differs\n";
     const char *const policy_text =
         "[[interface]]\nname = 'a'\nroot = 'prio'\nbands = 2\n"
         "priomap = [0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1]\n"
@@ -764,7 +769,7 @@ TEST(Compare, PriosBandsAndItsMap)
                  o.qdiscs[0].bands = 3;
                  o.qdiscs[0].priomap[0] = 2;
              },
-             "tree 0: has 3 bands, not 2\n"},
+             "root 0: has 3 bands, not 2\n"},
             {[](live_tree &o) { o.qdiscs[0].priomap[0] = 1; }, map},
             {[](live_tree &o) { o.qdiscs[0].priomap[15] = 0; }, map},
             {[](live_tree &o) { o.qdiscs[0].priomap.pop_back(); }, map},
@@ -777,13 +782,13 @@ TEST(Compare, PriosBandsAndItsMap)
             {[](live_tree &o) { o.qdiscs.erase(o.qdiscs.begin()); },
              "tree 0: has no prio, but its default qdisc\n"},
             {[](live_tree &o) { o.qdiscs[0].default_class = 7; }, ""},
-            {[](live_tree &o) { without_class(o, 2); }, "tree 2: is not there\n"},
+            {[](live_tree &o) { without_class(o, 2); }, "new 2: is not there\n"},
             {[](live_tree &o) { o.classes.push_back(class_of(3, 0)); },
-             "tree 3: is not in the policy\n"},
+             "old 3: is not in the policy\n"},
             {[](live_tree &o) { leaf(o, 1).perturb = 6; }, "leaf 1: perturb is 6, not 5\n"},
             {[](live_tree &o) { without_leaf(o, 2); }, "leaf 2: has no leaf qdisc, not pfifo\n"},
             {[](live_tree &o) { o.filters.pop_back(); },
-             "tree 2: no filter sends mark 0x2 there\n"},
+             "filter 2: no filter sends mark 0x2 there\n"},
             // A band has no numbers.
             {[](live_tree &o) { o.classes[0].rate = o.classes[0].prio = 7; }, ""},
         });
