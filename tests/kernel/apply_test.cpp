@@ -743,6 +743,16 @@ TEST(InPlace, OneClassOfAThousand)
     EXPECT_EQ(1000U, now.size());
     EXPECT_EQ(3U, now["1:1f3"].packets);
     EXPECT_EQ(4U, now["1:1f4"].packets);
+
+    // One more of them is three commands, and none of the others loses its counters.
+    const string more = replaced(replaced(text, "1500kbit", "7777kbit"), "\n]\n",
+                                 "\n  { handle = 1001, rate = \"5mbit\" },\n]\n");
+    EXPECT_EQ(3, apply(more)["tc_commands"]);
+    for (const string &command : changes()) EXPECT_TRUE(has(command, "0x3e9")) << command;
+    now = counters_of(q);
+    EXPECT_EQ(1001U, now.size());
+    EXPECT_EQ(3U, now["1:1f3"].packets);
+    EXPECT_EQ(4U, now["1:1f4"].packets);
 }
 
 // ---- Mended and rebuilt -------------------------------------------------------------------------
@@ -770,24 +780,24 @@ TEST(Drift, OfAPersonIsMendedByTheNextApply)
          false},
         {"leaf gone", "tc qdisc del dev @ parent 1:13", true, false},
         {"filter gone", "tc filter del dev @ parent 1:0 protocol ip prio 50 handle 0x12 fw", true,
-         true},
-        {"filters gone", "tc filter del dev @ parent 1:0", true, true},
-        {"class more", "tc class add dev @ parent 1:1 classid 1:99 htb rate 1mbit", true, true},
+         false},
+        {"filters gone", "tc filter del dev @ parent 1:0", true, false},
+        {"class more", "tc class add dev @ parent 1:1 classid 1:99 htb rate 1mbit", true, false},
         {"another's filter",
          "tc filter add dev @ parent 1:0 protocol ip prio 1 u32 match u32 0 0 flowid 1:3", true,
-         true},
+         false},
         {"a second filter for a mark",
          "tc filter add dev @ parent 1:0 protocol ip prio 1 handle 0x10 fw classid 1:3", true,
-         true},
+         false},
         {"a filter's place",
          "tc filter del dev @ parent 1:0 protocol ip prio 50 handle 0x12 fw;"
          "tc filter add dev @ parent 1:0 protocol ip prio 7 handle 0x12 fw classid 1:12",
-         true, true},
+         true, false},
         {"leaves swapped",
          "tc qdisc del dev @ parent 1:10; tc qdisc del dev @ parent 1:3;"
          "tc qdisc add dev @ parent 1:10 handle 30: pfifo limit 50;"
          "tc qdisc add dev @ parent 1:3 handle 100: pfifo",
-         true, true},
+         true, false},
         {"root gone", "tc qdisc del dev @ root", true, true},
         {"other root", "tc qdisc del dev @ root; tc qdisc add dev @ root handle 1: prio", true,
          true},
@@ -844,45 +854,57 @@ TEST(Drift, OfAMemoryThatCannotBeWrittenIsNone)
     fs::remove_all(memory);
 }
 
-TEST(Structure, ChangesRebuildTheTree)
+TEST(Structure, ChangesAreInPlaceWhereTheKernelTakesThem)
 {
     const string q = fresh_interface();
     const string text = for_interface(htb_policy, q);
     EXPECT_EQ("built", apply(text)["result"]);
     const struct {
         const char *what;
+        const char *result;
         string policy;
         lines shown;
     } cases[] = {
-        {"default",
-         replaced(text, "default = 3", "default = 0x10"),
-         {"htb 1: root refcnt 2 r2q 10 default 0x10"}},
         {"class more",
+         "changed",
          replaced(text, "\n]\nrule", "\n  { handle = 0x20, rate = \"1mbit\" },\n]\nrule"),
          {"class htb 1:20 parent 1:1 leaf 200:", "handle 0x20 classid 1:20"}},
         {"class less, and another parent",
+         "changed",
          replaced(text, "handle = 0x13",
                   "handle = 0x20, rate = \"9mbit\" },\n  { parent = 0x20, "
                   "handle = 0x13"),
          {"class htb 1:13 parent 1:20 leaf 130:", "class htb 1:20 parent 1:1 rate 9Mbit"}},
+        {"default",
+         "built",
+         replaced(text, "default = 3", "default = 0x10"),
+         {"htb 1: root refcnt 2 r2q 10 default 0x10"}},
         {"root",
+         "built",
          for_interface(hfsc_policy, q),
          {"qdisc hfsc 1: root", "class hfsc 1:11 parent 1:1 leaf 110:"}},
+        {"default of hfsc",
+         "changed",
+         replaced(for_interface(hfsc_policy, q), "root = \"hfsc\"\n",
+                  "root = \"hfsc\"\ndefault = 0x11\n"),
+         {"qdisc hfsc 1: root refcnt 2 default 11"}},
         {"prio",
+         "built",
          "[[interface]]\nname = \"" + q +
              "\"\nroot = \"prio\"\nbands = 4\npriomap = [3, 2, 2, 2, "
              "1, 2, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1]\n",
          {"qdisc prio 1: root refcnt 2 bands 4 priomap 3 2 2 2", "qdisc pfifo 40: parent 1:4"}},
         {"prio's map",
+         "changed",
          "[[interface]]\nname = \"" + q +
              "\"\nroot = \"prio\"\nbands = 4\npriomap = [0, 2, 2, 2, "
              "1, 2, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1]\n",
          {"qdisc prio 1: root refcnt 2 bands 4 priomap 0 2 2 2"}},
-        {"back", text, {"class htb 1:10 parent 1:1 leaf 100: prio 0"}},
+        {"back", "built", text, {"class htb 1:10 parent 1:1 leaf 100: prio 0"}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
-        EXPECT_EQ("built", apply(c.policy)["result"]);
+        EXPECT_EQ(c.result, apply(c.policy)["result"]);
         const string tree = tree_of(q);
         for (const string &part : c.shown) EXPECT_TRUE(has(tree, part)) << part << "\n" << tree;
         EXPECT_EQ(c.what == string("class more"), has(tree, "class htb 1:20 parent 1:1 leaf"));
