@@ -50,14 +50,14 @@ std::optional<u32> tc_clock::tbf_burst(u32 ticks, u64 bytes_per_s) const
 {
     const double ns_per_tick = std::round(1e3 / ticks_per_us);
     const auto rate = static_cast<double>(bytes_per_s);
-    // The first that is too many; a little later, since the kernel's product is a little smaller.
+    // The first that is too many, and one more, since the kernel's product is a little smaller
     const double above = std::ceil((ticks + 1.0) * ns_per_tick * rate / 1e9);
-    for (double near = above + 1; bytes_per_s != 0 && near >= std::max(0.0, above - 3); --near) {
-        if (near > largest) continue;
+    for (const double fewer : {-1.0, 0.0, 1.0, 2.0, 3.0}) {
+        const double near = above - fewer;
+        if (bytes_per_s == 0 || near < 0 || near > largest) continue;
         const auto candidate = static_cast<u32>(near);
-        if (static_cast<double>(ns_by_kernel(candidate, bytes_per_s)) / ns_per_tick >= ticks &&
-            static_cast<double>(ns_by_kernel(candidate, bytes_per_s)) / ns_per_tick < ticks + 1.0)
-            return candidate;
+        const auto ns = static_cast<double>(ns_by_kernel(candidate, bytes_per_s));
+        if (std::floor(ns / ns_per_tick) == ticks) return candidate;
     }
     return std::nullopt;
 }

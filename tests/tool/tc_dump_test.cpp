@@ -102,13 +102,14 @@ string text(const std::optional<live_curve> &c)
     return c ? tool::format("%u %u %u", c->m1, c->d, c->m2) : "none";
 }
 
-// All numbers of a class besides its statistics
+// All numbers of a class besides its statistics and its quantum
 string text(const live_class &c)
 {
     return tool::format("%x on %x %s rate %llu ceil %llu burst %.3f cburst %.3f prio %u", c.id,
                         c.parent, c.kind.c_str(), static_cast<unsigned long long>(c.rate),
                         static_cast<unsigned long long>(c.ceil), c.burst, c.cburst, c.prio) +
-           " rsc " + text(c.rsc) + " fsc " + text(c.fsc) + " usc " + text(c.usc);
+           " rsc " + text(c.rsc) + " fsc " + text(c.fsc) + " usc " + text(c.usc) +
+           (c.more ? ", and more" : "");
 }
 
 // Those that are set
@@ -125,6 +126,8 @@ string text(const live_qdisc &q)
                    {"min", q.min},
                    {"max", q.max},
                    {"wlog", q.wlog},
+                   {"idle", q.idle_log},
+                   {"quantum", q.quantum},
                    {"rate", q.rate}};
     for (const auto &[name, value] : numbers)
         if (value != 0)
@@ -132,7 +135,7 @@ string text(const live_qdisc &q)
     if (q.burst != 0) out += tool::format(" burst %.3f", q.burst);
     if (!q.priomap.empty()) out += " map";
     for (const u8 band : q.priomap) out += tool::format(" %d", band);
-    return out;
+    return out + (q.more ? ", and more" : "");
 }
 
 // ---- Classes ------------------------------------------------------------------------------------
@@ -318,7 +321,6 @@ tc_tbf_qopt tbf()
 {
     tc_tbf_qopt o{};
     o.rate.rate = 125000;
-    o.peakrate.rate = 5;
     o.limit = 5500;
     o.buffer = 375000;
     o.mtu = 6;
@@ -333,7 +335,7 @@ TEST(TcDump, LeafQdiscsHaveTheirOptions)
     sfq.quantum = 1514;
     sfq.perturb_period = 10;
     sfq.limit = 127;
-    EXPECT_EQ("1000000 on 10010 sfq limit 127 perturb 10",
+    EXPECT_EQ("1000000 on 10010 sfq limit 127 perturb 10 quantum 1514",
               text(qdisc_of(kind("sfq") + options(bytes(sfq)))));
     const string parms = attribute(TCA_RED_PARMS, red());
     const string max_p = attribute(TCA_RED_MAX_P, u32{85899345});
@@ -359,6 +361,64 @@ TEST(TcDump, ATbfsRateOf64BitsStandsForThatOf32)
          {rate + attribute(TCA_TBF_PARMS, tbf()), attribute(TCA_TBF_PARMS, tbf()) + rate})
         EXPECT_EQ("1000000 on 10010 tbf limit 5500 rate 5000000000 burst 120000000.000",
                   text(qdisc_of(kind("tbf") + options(of_tbf))));
+}
+
+// What no command of ours would set again is told of.
+TEST(TcDump, AQdiscWithOtherOptionsHasMore)
+{
+    tc_htb_glob glob{};
+    glob.rate2quantum = 11;
+    EXPECT_EQ("1000000 on 10010 htb, and more",
+              text(qdisc_of(kind("htb") + options(attribute(TCA_HTB_INIT, glob)))));
+    tc_tbf_qopt peak = tbf();
+    peak.peakrate.rate = 5;
+    tc_tbf_qopt overhead = tbf();
+    overhead.rate.overhead = 4;
+    tc_tbf_qopt atm = tbf();
+    atm.rate.linklayer = TC_LINKLAYER_ATM;
+    for (const tc_tbf_qopt &o : {peak, overhead, atm})
+        EXPECT_EQ("1000000 on 10010 tbf limit 5500 rate 125000 burst 3000.000, and more",
+                  text(qdisc_of(kind("tbf") + options(attribute(TCA_TBF_PARMS, o)))));
+    // 0.02 doubled 18 times is 0.52 of 10000, and 19 times 1.05: 19 is tc's own. 2^32 times 0.02
+    // is 85899345.9; given 19 alone the kernel fills in 2^13 - 1 times 10000.
+    tc_red_qopt steeper = red();
+    steeper.Plog = 18;
+    tc_red_qopt ecn = red();
+    ecn.flags = TC_RED_ECN;
+    const char *const other =
+        "1000000 on 10010 red limit 60000 min 5000 max 15000 wlog 9, and more";
+    for (const tc_red_qopt &o : {steeper, ecn})
+        EXPECT_EQ(other, text(qdisc_of(kind("red") + options(attribute(TCA_RED_PARMS, o)))));
+    const string parms = attribute(TCA_RED_PARMS, red());
+    const auto with = [&](u32 p) {
+        return text(qdisc_of(kind("red") + options(parms + attribute(TCA_RED_MAX_P, p))));
+    };
+    EXPECT_EQ(other, with(99999999));
+    EXPECT_EQ("1000000 on 10010 red limit 60000 min 5000 max 15000 wlog 9", with(81910000));
+    tc_red_qopt idle = red();
+    idle.Scell_log = 14;
+    EXPECT_EQ("1000000 on 10010 red limit 60000 min 5000 max 15000 wlog 9 idle 14",
+              text(qdisc_of(kind("red") + options(attribute(TCA_RED_PARMS, idle)))));
+}
+
+TEST(TcDump, AnHtbClassHasItsQuantumAndTellsOfMore)
+{
+    const auto told = [](const tc_htb_opt &o) {
+        const string in = kind("htb") + options(attribute(TCA_HTB_PARMS, o));
+        const exact bytes_of(in);
+        const auto c = tool::parse_class(head_of(0x10010, 0x10001, 0), bytes_of.span(), 15.625);
+        return tool::format("quantum %u%s", c->quantum, c->more ? ", and more" : "");
+    };
+    tc_htb_opt o = htb(125000, 125000, 1, 1, 0);
+    o.quantum = 1500;
+    EXPECT_EQ("quantum 1500", told(o));
+    o.rate.linklayer = TC_LINKLAYER_ETHERNET;
+    EXPECT_EQ("quantum 1500", told(o));
+    o.ceil.overhead = 4;
+    EXPECT_EQ("quantum 1500, and more", told(o));
+    o.ceil = o.rate;
+    o.rate.linklayer = TC_LINKLAYER_ATM;
+    EXPECT_EQ("quantum 1500, and more", told(o));
 }
 
 TEST(TcDump, AQdiscOfAnotherKindHasItsKindAlone)
@@ -402,6 +462,20 @@ TEST(TcDump, AFilterAsTheScriptsMakeItIsPlain)
     EXPECT_EQ("mark ffffffff to 10010", filter(0xffffffff, as_scripted, kind("fw") + to_10));
     EXPECT_EQ("mark 10 to 0", filter(0x10, as_scripted, kind("fw") + options("")));
     EXPECT_EQ("none", filter(0, as_scripted, kind("fw") + to_10));
+}
+
+// Where it stands, for who deletes it
+TEST(TcDump, AFilterHasItsPlace)
+{
+    const string in = kind("flower") + attribute(TCA_CHAIN, u32{3});
+    const exact bytes_of(in);
+    const auto f = tool::parse_filter(head_of(1, 0x10000, info_of(7, ETH_P_IPV6)), bytes_of.span());
+    ASSERT_TRUE(f);
+    EXPECT_EQ("flower", f->kind);
+    EXPECT_EQ(7U, f->priority);
+    EXPECT_EQ(0x86ddU, f->protocol);
+    EXPECT_EQ(3U, f->chain);
+    EXPECT_FALSE(f->plain);
 }
 
 TEST(TcDump, AnyOtherFilterIsNotPlain)
