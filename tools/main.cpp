@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Owns the command line of mordel: the options, and the way of each command through the stations.
-// Only this file reads the policy file that a user names. Only this file and watch.cpp write to
-// standard output and error.
+// Only this file and watch.cpp write to standard output and error.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -18,8 +17,8 @@
 #include "apply.h"
 #include "guards.h"
 #include "lock.h"
+#include "policy_folder.h"
 #include "policy_read.h"
-#include "process.h"
 #include "render.h"
 #include "report.h"
 #include "show.h"
@@ -56,14 +55,6 @@ void complain(const string &what) { std::fprintf(stderr, "mordel: %s\n", harmles
 
 // ---- Policies -----------------------------------------------------------------------------------
 
-// The content of a file, or of standard input for "-"; none, with errno, when reading fails.
-std::optional<string> read_all(const string &path)
-{
-    if (path == "-") return read_rest(STDIN_FILENO);
-    const mordel::fd_guard file{::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
-    return file ? read_rest(file.get()) : std::nullopt;
-}
-
 // FILE:LINE:COLUMN: as compilers write it, so that editors jump to the place.
 void print(const string &file, const diagnostics &found)
 {
@@ -81,9 +72,10 @@ struct loaded {
 // The policy of o.file, its errors in `found`; none, after a message, when reading fails.
 std::optional<loaded> load(const options &o)
 {
-    std::optional<string> text = read_all(o.file);
+    string why;
+    std::optional<string> text = read_policy_file(o.file, why);
     if (!text) {
-        complain("cannot read " + tool::quoted(o.file) + ": " + std::strerror(errno));
+        complain(why);
         return std::nullopt;
     }
     loaded l;

@@ -102,6 +102,16 @@ for command in check render show; do
     run 2 "$command" ""
     nothing out
 done
+
+# ---- A file without an end is refused: nothing is read beyond the largest policy
+
+for command in check apply; do
+    run 2 "$command" /dev/zero
+    nothing out
+    said '^mordel: /dev/zero is larger than 64 MiB; a policy is no more than that$'
+done
+run 2 check - </dev/zero
+said '^mordel: standard input is larger than 64 MiB; a policy is no more than that$'
 run 0 check warned.toml
 nothing out
 
