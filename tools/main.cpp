@@ -11,12 +11,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <new>
 #include <nlohmann/json.hpp>
 #include <optional>
 
 #include "apply.h"
 #include "guards.h"
 #include "lock.h"
+#include "memory_reserve.h"
 #include "policy_folder.h"
 #include "policy_read.h"
 #include "render.h"
@@ -141,8 +143,10 @@ int write_out(const string &text, int status = done)
 }
 
 // replace: a file name may be no UTF-8, for which dump would throw otherwise.
-string dumped(const json &value)
+// The value ends here: its destructor allocates, and must not fail behind a written report.
+string dumped(json &&taken)
 {
+    const json value = std::move(taken);
     return value.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
@@ -164,7 +168,7 @@ int check(const options &o)
                                       {"line", d.at.line},
                                       {"column", d.at.column},
                                       {"message", d.text}});
-    return write_out(dumped(out), status);
+    return write_out(dumped(std::move(out)), status);
 }
 
 int render(const options &o)
@@ -206,7 +210,7 @@ int report(const std::vector<outcome> &all, const options &o)
         // A failed interface has had its word on standard error.
         if (!r.failed) text += outcome_text(r, o.apply.dry_run);
     }
-    return write_out(o.json ? dumped(out) : text, status);
+    return write_out(o.json ? dumped(std::move(out)) : text, status);
 }
 
 // Takes the lock that serialises apply and stop; false, after a message, when another mordel keeps
@@ -470,6 +474,10 @@ const subcommand *find_command(const string &name)
     return nullptr;
 }
 
+// Before main: the option library's globals allocate too. 101 is the first place that a program may
+// have.
+__attribute__((constructor(101))) void prepare_memory() { end_without_memory(); }
+
 }  // namespace
 
 int main(int argc, char **argv)
@@ -500,7 +508,10 @@ try {
         return app.exit(e) == 0 ? done : refused;
     }
     return find_command(app.get_subcommands().front()->get_name())->run(o);
-} catch (const std::exception &e) {  // out of memory, most likely
+} catch (const std::bad_alloc &) {
+    std::fprintf(stderr, "mordel: out of memory\n");
+    return failed;
+} catch (const std::exception &e) {
     std::fprintf(stderr, "mordel: %s\n", e.what());
     return failed;
 }

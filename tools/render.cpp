@@ -56,12 +56,21 @@ string declare_classes(const policy_interface &iface, const char *name)
     return "";
 }
 
+// add_root_qdisc makes the default tree or the bands besides, and says nothing when memory runs out
+// amid them: the script would lack a class.
+void expect_whole(const policy_interface &iface)
+{
+    for (const tree_class &c : iface.built_in)
+        if (mordel::class_find(iface.name.c_str(), c.handle) == nullptr) throw std::bad_alloc();
+}
+
 string declare_interface(const policy_interface &iface)
 {
     const char *name = iface.name.c_str();
     // iface.param is a union: its address is that of the root type's own record.
     if (add_root_qdisc(iface.speeds, name, iface.root_type, &iface.param) != 0)
         return refusal("root", name, iface.root_type);
+    expect_whole(iface);
     // add_root_qdisc has built the default tree below class 1:1. Removing 1:1 removes all of it, or
     // the policy's own handles would meet those of the default tree.
     if (kind_of(iface).takes_classes && !iface.default_tree && del_class(name, 1) != 0)
@@ -97,21 +106,41 @@ declared::~declared()
     (void)del_all_sched();
 }
 
-// Gives all that a writer writes. A stream in memory that runs out of memory holds the beginning of
-// the text: throws then, for half a script that was loaded would leave half a tree.
+// Where a stream writes to. Not open_memstream: where that finds no room to grow it drops text and
+// sets no error, and where its last realloc fails fclose succeeds without a text. Half a script
+// that was loaded would leave half a tree.
+struct sink {
+    string text;
+    bool full = false;
+};
+
+ssize_t append(void *cookie, const char *piece, size_t size)
+{
+    sink &to = *static_cast<sink *>(cookie);
+    try {
+        to.text.append(piece, size);
+    } catch (const std::bad_alloc &) {
+        // No exception may cross the C library.
+        to.full = true;
+        return 0;
+    }
+    return static_cast<ssize_t>(size);
+}
+
+// Gives all that a writer writes; throws without memory.
 template <typename Write>
 string text_of(Write write)
 {
-    char *text = nullptr;
-    std::size_t size = 0;
-    mordel::stream_guard out(::open_memstream(&text, &size));
+    sink to;
+    cookie_io_functions_t calls{};
+    calls.write = append;
+    mordel::stream_guard out(::fopencookie(&to, "w", calls));
     if (!out) throw std::bad_alloc();
     write(out.get());
     const bool written = std::ferror(out.get()) == 0;
     const bool closed = std::fclose(out.release()) == 0;
-    const mordel::heap_guard<char> owner(text);
-    if (!written || !closed) throw std::bad_alloc();
-    return {text, size};
+    if (!written || !closed || to.full) throw std::bad_alloc();
+    return to.text;
 }
 
 interface_texts texts_of(const string &ifname)

@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: MIT
 // What render() does where the library refuses a policy or memory runs out. The program is linked
-// with --wrap for open_memstream, so that a stream can fail as one does without memory.
+// with --wrap for fopencookie, so that a stream can fail as one does without memory.
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <new>
 
 #include "list_range.h"
@@ -31,28 +29,20 @@ ssize_t take_all(void *, const char *, size_t size) { return static_cast<ssize_t
 int close_badly(void *) { return -1; }
 int close_well(void *) { return 0; }
 
-FILE *faulty_stream(bool &refused)
-{
-    cookie_io_functions_t calls{};
-    calls.write = wanted == fault::writing ? refuse_once : take_all;
-    calls.close = wanted == fault::closing ? close_badly : close_well;
-    return ::fopencookie(&refused, "w", calls);
-}
-
 }  // namespace
 
-extern "C" FILE *__real_open_memstream(char **text, size_t *size);
-extern "C" FILE *__wrap_open_memstream(char **text, size_t *size)
+extern "C" FILE *__real_fopencookie(void *cookie, const char *mode, cookie_io_functions_t calls);
+extern "C" FILE *__wrap_fopencookie(void *cookie, const char *mode, cookie_io_functions_t calls)
 {
     static bool refused;
-    if (wanted == fault::none || streams_until-- > 0) return __real_open_memstream(text, size);
+    if (wanted == fault::none || streams_until-- > 0)
+        return __real_fopencookie(cookie, mode, calls);
+    if (wanted == fault::opening) return nullptr;
     refused = false;
-    *text = ::strdup("");
-    *size = 0;
-    if (wanted != fault::opening) return faulty_stream(refused);
-    std::free(*text);
-    *text = nullptr;
-    return nullptr;
+    cookie_io_functions_t faulty{};
+    faulty.write = wanted == fault::writing ? refuse_once : take_all;
+    faulty.close = wanted == fault::closing ? close_badly : close_well;
+    return __real_fopencookie(&refused, mode, faulty);
 }
 
 namespace {
