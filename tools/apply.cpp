@@ -12,6 +12,7 @@
 #include "kernel.h"
 #include "observe.h"
 #include "process.h"
+#include "script_run.h"
 #include "state.h"
 #include "steps.h"
 #include "stop.h"
@@ -22,9 +23,6 @@ namespace {
 
 using std::string;
 using lines = std::vector<string>;
-
-// The script starts a process for each line. A script that hangs is killed after so many seconds.
-constexpr unsigned script_seconds = 600;
 
 // The arguments of the work on one interface
 struct job {
@@ -126,13 +124,15 @@ string run_script(const job &j, outcome &out, bool &begun)
     // first: a lock that another program keeps is met before the old tree is gone.
     if (!read_kernel(j.name(), why) || !j.tables.list(why)) return why;
     if (!write_start_script(j.whole, j.name())) return format("cannot write %s", start_script_path);
-    const run_result result = run({start_script_path}, "", script_seconds);
-    if (result.missing) return format("cannot run %s", start_script_path);
-    begun = true;
+    const auto failure = run_start_script(
+        start_script_path, j.w.text, [] { return true; }, begun);
+    if (failure) {
+        out.failed_command = failure->command;
+        out.failed_line = failure->line;
+        return failure->error;
+    }
     why = verified(j, out);
-    if (why.empty()) why = rules_missing(j);
-    if (!why.empty() && !result.err.empty()) why += "; it said: " + brief(result.err);
-    return why;
+    return why.empty() ? rules_missing(j) : why;
 }
 
 // begun: earlier steps have changed the interface, so that a failure must be taken back.
@@ -187,7 +187,10 @@ std::optional<step_failure> set_queue(const job &j, const std::vector<step> &ste
 std::optional<step_failure> run_steps(const job &j, const memory &before, chains_seen &chains,
                                       std::vector<step> &steps)
 {
-    if (auto failure = run_tc(steps)) return failure;
+    std::size_t done = 0;
+    if (auto failure = run_tc(
+            steps, [] { return true; }, done))
+        return failure;
     auto failure = load_rules(j.tables, steps);
     if (failure && failure->what == step_failure::kind::refused &&
         chains.how == chains_seen::looked::guessed)

@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -36,7 +37,12 @@ using json = nlohmann::ordered_json;
 
 namespace {
 
-enum exit_status { done = 0, failed = 1, refused = 2 };  // refused: a bad policy or command line
+enum exit_status {
+    done = 0,
+    failed = 1,
+    refused = 2,     // a bad policy or command line
+    unreported = 3,  // done, but the report could not be written
+};
 
 // The options of all commands: each command sets its own and leaves the rest at these values.
 struct options {
@@ -133,11 +139,17 @@ look look_of_stdout()
     return how;
 }
 
-int write_out(const string &text, int status = done)
+// Whether all of a text got to standard output; errno says why not.
+bool wrote(const string &text)
 {
     // The flush is checked too: on a full disk fwrite succeeds into the buffer and only it fails.
-    if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0)
-        return status;
+    return std::fwrite(text.data(), 1, text.size(), stdout) == text.size() &&
+           std::fflush(stdout) == 0;
+}
+
+int write_out(const string &text, int status = done)
+{
+    if (wrote(text)) return status;
     complain(string("cannot write: ") + std::strerror(errno));
     return failed;
 }
@@ -210,7 +222,12 @@ int report(const std::vector<outcome> &all, const options &o)
         // A failed interface has had its word on standard error.
         if (!r.failed) text += outcome_text(r, o.apply.dry_run);
     }
-    return write_out(o.json ? dumped(std::move(out)) : text, status);
+    const string whole = o.json ? dumped(std::move(out)) : text;
+    if (status != done || o.apply.dry_run) return write_out(whole, status);
+    // A status of its own: a caller must not take what is in force for a failed apply.
+    if (wrote(whole)) return done;
+    complain(string("done, but cannot write the report: ") + std::strerror(errno));
+    return unreported;
 }
 
 // Takes the lock that serialises apply and stop; false, after a message, when another mordel keeps
@@ -478,10 +495,24 @@ const subcommand *find_command(const string &name)
 // have.
 __attribute__((constructor(101))) void prepare_memory() { end_without_memory(); }
 
+// What a parent may have left to us, and nobody here expects
+void start_clean()
+{
+    // Ignored, as daemons do it, SIGCHLD leaves no child to wait for: every tc would seem to fail.
+    (void)std::signal(SIGCHLD, SIG_DFL);
+    // `mordel show | head` ends without a message.
+    (void)std::signal(SIGPIPE, SIG_DFL);
+    // A file over the limit of ulimit -f fails a write then, and does not end us halfway.
+    (void)std::signal(SIGXFSZ, SIG_IGN);
+    const sigset_t none = signals({});
+    (void)::sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
 }  // namespace
 
 int main(int argc, char **argv)
 try {
+    start_clean();
     // Started with descriptor 0, 1 or 2 closed? Fill it with /dev/null, or the next file we open
     // gets that number and our output is written into it.
     for (int fd = 0; fd < 3; ++fd)
@@ -490,7 +521,8 @@ try {
     CLI::App app("Shapes a router's interfaces by a policy file.", "mordel");
     app.require_subcommand(1);
     app.set_version_flag("--version", "mordel " MORDEL_VERSION);
-    app.footer("Exit status: 0 done, 1 failed, 2 a bad policy or command line.\n"
+    app.footer("Exit status: 0 done, 1 failed, 2 a bad policy or command line,\n"
+               "3 done, but the report could not be written.\n"
                "mordel COMMAND --help tells of each command.");
     // Only the asked command's options are declared: those of all seven take some time to set up.
     // Without a command (--help, --version) all are, for the list of commands.

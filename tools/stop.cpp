@@ -28,7 +28,9 @@ outcome failed(outcome out, const string &why)
 outcome run_stop(outcome out, const iptables &tables, const chains_seen &chains)
 {
     string why;
-    const auto no_tree = run_tc(out.steps);
+    std::size_t done = 0;
+    const auto no_tree = run_tc(
+        out.steps, [] { return true; }, done);
     const bool no_rules = tables.remove(chains.present, why);
     if (no_tree) {
         out.failed_command = no_tree->command;
@@ -81,7 +83,7 @@ bool take_back(const string &ifname, const iptables &tables, string &why)
     bool clean = live.has_value();
     if (live && live->root() != nullptr) {
         const run_result tc = run({"tc", "qdisc", "del", "dev", ifname, "root"});
-        why = "tc: " + brief(tc.err);
+        why = "tc: " + tc.problem;
         // The kernel decides, not tc's exit status: a tree that is gone is gone.
         const auto after = read_kernel(ifname, why);
         clean = after && after->root() == nullptr;

@@ -133,6 +133,14 @@ std::string one_line(std::string_view text)
     return out;
 }
 
+std::string brief(std::string_view said)
+{
+    constexpr std::size_t most = 300;
+    std::string line = one_line(said);
+    line.resize(line.find_last_not_of(' ') + 1);
+    return line.size() <= most ? line : line.substr(0, most) + "...";
+}
+
 std::string harmless(std::string_view text)
 {
     // Bytes above 0x7f stay: a name in UTF-8 remains legible.

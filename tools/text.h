@@ -25,6 +25,9 @@ std::vector<std::string> lines_of(const std::string &text);
 // The text with a blank for each byte that is no printable ASCII
 std::string one_line(std::string_view text);
 
+// A program's message on one line, without blanks at its end, cut at 300 characters
+std::string brief(std::string_view said);
+
 // The text with a question mark for each control character: a terminal would obey an escape
 // sequence in an interface's name.
 std::string harmless(std::string_view text);

@@ -201,7 +201,9 @@ std::optional<step_failure> try_tc(const string &ifname, const image &before,
     const int mtu = mtu_of(ifname);
     const auto answer = in_own_network([&]() -> std::optional<string> {
         if (!make_interface(ifname, mtu) || !run_all(t.part)) return std::nullopt;
-        return text_of(run_tc(t.steps));
+        std::size_t done = 0;
+        return text_of(run_tc(
+            t.steps, [] { return true; }, done));
     });
     return answer ? failure_in(*answer) : std::nullopt;
 }

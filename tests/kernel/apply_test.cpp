@@ -111,7 +111,7 @@ struct result {
 
 struct environment {
     string path;
-    int signal = 0;  // that the spies send to all of the program's group
+    int signal = 0;  // that the spies send to all of the command's group
 };
 
 class program {
@@ -195,7 +195,8 @@ int spy(const string &name, char **argv)
     const int log = ::open(calls_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     if (::write(log, line.data(), line.size()) != ssize_t(line.size())) return 126;
     const char *signal = std::getenv("SPY_SIGNAL");
-    if (signal != nullptr && !elsewhere) (void)::kill(0, std::atoi(signal));
+    // As the terminal does: to the group of the command, which is not that of its tools.
+    if (signal != nullptr && !elsewhere) (void)::kill(-::getpgid(::getppid()), std::atoi(signal));
     const string path = std::getenv("PATH");
     (void)::setenv("PATH", path.substr(path.find(':') + 1).c_str(), 1);
     argv[0] = const_cast<char *>(name.c_str());
@@ -1277,15 +1278,27 @@ TEST(MissingTool, OfTheTreeIsNoReasonToLeaveTheRules)
     expect_default(q);
 }
 
-TEST(MissingTool, AndAScriptThatCannotRun)
+// Its commands are run, not the file.
+TEST(MissingTool, AndAFolderWhereNothingMayRun)
 {
     const string q = fresh_interface();
     by_hand("mount -t tmpfs -o noexec tmpfs /var/tmp");
     const result r =
         mordel({"apply", policy_file(for_interface(htb_policy, q))}, only({"tc", "iptables"}));
     by_hand("umount /var/tmp");
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_TRUE(has(tree_of(q), "htb")) << tree_of(q);
+}
+
+TEST(Script, ThatFindsNoRoomIsNotRun)
+{
+    const string q = fresh_interface();
+    const string file = policy_file(for_interface(htb_policy, q));
+    by_hand("mount -t tmpfs -o size=4k tmpfs /var/tmp && head -c 4096 /dev/zero >/var/tmp/full");
+    const result r = mordel({"apply", "--script", file});
+    by_hand("umount /var/tmp");
     EXPECT_EQ(1, r.status);
-    EXPECT_TRUE(has(r.err, "cannot run /var/tmp/qos_start")) << r.err;
+    EXPECT_TRUE(has(r.err, "nothing of it was run")) << r.err;
     expect_default(q);
 }
 

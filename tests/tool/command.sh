@@ -261,6 +261,75 @@ for arguments in "check --json" "render" "render --stop" "show" "show --json" "s
     grep -q 'cannot write: No space left on device' err || fail "mordel $arguments: not said why"
 done
 
+# ---- Programs that are run
+
+# A network, a state folder and tools of the test's own. tc and iptables take all and say nothing.
+own=(unshare -mn)
+[ "$(id -u)" = 0 ] || own=(unshare -rmn)
+mkdir tools
+for tool in tc iptables iptables-restore; do
+    printf '#!/bin/sh\n' >tools/$tool
+    chmod +x tools/$tool
+done
+printf '[[interface]]\nname = "lo"\nroot = "prio"\n' >lo.toml
+
+# stop_with SHELL: has a shell do something and then stop lo; "$@" is mordel.
+# shellcheck disable=SC2016  # for the inner shells
+stop_with()
+{
+    what="stop of lo, after: $1"
+    status=0
+    "${own[@]}" bash -c '
+        set -e
+        mount -t tmpfs tmpfs /var/run
+        mount -t tmpfs tmpfs /usr/local/sbin
+        cp tools/* /usr/local/sbin
+        PATH=/usr/local/sbin:$PATH
+        then=$1
+        shift
+        eval "$then"' bash "$1" "${mordel[@]}" >out 2>err || status=$?
+}
+
+if [ "$#" -gt 1 ]; then
+    echo "an emulator: nobody has looked at the programs that are run"
+elif ! stop_with 'exit 0' || [ "$status" != 0 ]; then
+    skipped='no namespaces: nobody has looked at the programs that are run'
+else
+    stop_with '"$@" stop lo.toml'
+    [ "$status" = 0 ] || fail "$what: status $status"
+    nothing err
+    # Daemons ignore SIGCHLD, so that their children need no waiting for.
+    stop_with 'trap "" CHLD; "$@" stop lo.toml'
+    [ "$status" = 0 ] || fail "$what: status $status"
+    nothing err
+    # Nobody's PATH: the shell would make one up, env does not.
+    stop_with 'unset PATH; exec /usr/bin/env -u PATH "$@" stop lo.toml'
+    [ "$status" = 0 ] || fail "$what: status $status"
+    nothing err
+    stop_with 'ulimit -n 5; exec "$@" stop lo.toml'
+    [ "$status" = 1 ] || fail "$what: status $status"
+    [ "$(cat err)" = 'mordel: lo: iptables: cannot be started: Too many open files' ] ||
+        fail "$what: another message"
+    for killed in 'kill -KILL $$' 'exit 3'; do
+        printf '#!/bin/sh\n%s\n' "$killed" >tools/iptables
+        stop_with '"$@" stop lo.toml'
+        [ "$status" = 1 ] || fail "$what: status $status"
+        case $killed in
+        kill*) said '^mordel: lo: iptables: was killed by signal 9 (Killed)$' ;;
+        exit*) said '^mordel: lo: iptables: ended with status 3 and said nothing$' ;;
+        esac
+    done
+    printf '#!/bin/sh\n' >tools/iptables
+    # Done, and nobody hears of it: not the status of a failure
+    stop_with 'exec "$@" stop lo.toml >/dev/full'
+    [ "$status" = 3 ] || fail "$what: status $status"
+    [ "$(cat err)" = 'mordel: done, but cannot write the report: No space left on device' ] ||
+        fail "$what: another message"
+    stop_with 'exec "$@" stop --dry-run lo.toml >/dev/full'
+    [ "$status" = 1 ] || fail "$what: status $status"
+    said '^mordel: cannot write: No space left on device$'
+fi
+
 # ---- Nothing is written, and no program is run
 
 if [ "$#" -gt 1 ]; then

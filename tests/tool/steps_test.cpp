@@ -3,6 +3,7 @@
 // keep what they are given and say what is set for them.
 #include "steps.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/stat.h>
@@ -12,6 +13,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+
+#include "text.h"
 
 namespace {
 
@@ -75,11 +78,26 @@ const std::vector<step> steps = {
      false},
     {program::ifconfig, "q0 txqueuelen 9", {object::kind::queue_length, 0, ""}, 11, "", false}};
 
+constexpr char no_log[] = "/nowhere/at/all";
+
+// Runs them all; how many are done is left aside.
+std::optional<step_failure> run_all(const std::vector<step> &all)
+{
+    std::size_t done = 0;
+    return tool::run_tc(
+        all, [] { return true; }, done, no_log);
+}
+
+std::optional<step_failure> load(unsigned wait, const std::vector<step> &all = steps)
+{
+    return tool::load_rules(tool::iptables("q0", wait), all, no_log);
+}
+
 // What failed, on a line
 string shown(const std::optional<step_failure> &f)
 {
     if (!f) return "done";
-    const char *kinds[] = {"refused", "missing", "busy"};
+    const char *kinds[] = {"refused", "missing", "busy", "failed", "interrupted"};
     return kinds[static_cast<int>(f->what)] + string(" ") + f->program + "|" + f->error + "|" +
            f->command + "|" + std::to_string(f->line);
 }
@@ -87,7 +105,7 @@ string shown(const std::optional<step_failure> &f)
 TEST_F(Steps, OfTcAreOneBatch)
 {
     install("tc");
-    EXPECT_EQ("done", shown(run_tc(steps)));
+    EXPECT_EQ("done", shown(run_all(steps)));
     EXPECT_EQ("-batch -\n", got("tc", "words"));
     EXPECT_EQ("qdisc del dev q0 root\nclass add dev q0 prio 0 \n", got("tc", "input"));
 }
@@ -95,8 +113,8 @@ TEST_F(Steps, OfTcAreOneBatch)
 TEST_F(Steps, ThatAreNotThereRunNothing)
 {
     const std::vector<step> none = {steps.back()};
-    EXPECT_EQ("done", shown(run_tc(none)));
-    EXPECT_EQ("done", shown(load_rules(tool::iptables("q0", 1), none)));
+    EXPECT_EQ("done", shown(run_all(none)));
+    EXPECT_EQ("done", shown(load(1, none)));
 }
 
 TEST_F(Steps, OfTcTellWhichWasRefused)
@@ -116,16 +134,178 @@ TEST_F(Steps, OfTcTellWhichWasRefused)
     };
     for (const auto &c : cases) {
         refuse("tc", c.said);
-        EXPECT_EQ(c.shown, shown(run_tc(steps)));
+        EXPECT_EQ(c.shown, shown(run_all(steps)));
     }
 }
 
-TEST_F(Steps, OfTcThatIsMissing) { EXPECT_EQ("missing tc|tc is missing||0", shown(run_tc(steps))); }
+// So many class commands, each with a line of its own
+std::vector<step> classes(unsigned count)
+{
+    std::vector<step> all;
+    for (unsigned i = 1; i <= count; ++i)
+        all.push_back({program::tc,
+                       "class " + std::to_string(i),
+                       {object::kind::tree_class, i, ""},
+                       i,
+                       "",
+                       false});
+    return all;
+}
+
+TEST_F(Steps, OfTcRunInBatchesOf256)
+{
+    install("tc");
+    const std::vector<step> all = classes(513);
+    string input;
+    for (const step &s : all) input += s.command + "\n";
+    std::size_t done = 0;
+    unsigned asked = 0;
+    const auto go_on = [&] { return ++asked < 100; };
+    EXPECT_EQ("done", shown(tool::run_tc(all, go_on, done, no_log)));
+    EXPECT_EQ("-batch -\n-batch -\n-batch -\n", got("tc", "words"));
+    EXPECT_EQ(input, got("tc", "input"));
+    EXPECT_EQ(513U, done);
+    EXPECT_EQ(3U, asked);
+}
+
+TEST_F(Steps, OfTcEndBetweenTwoBatches)
+{
+    install("tc");
+    for (const unsigned batches : {0U, 1U, 2U}) {
+        std::size_t done = 9999;
+        unsigned left = batches;
+        const auto go_on = [&] { return left-- > 0; };
+        EXPECT_EQ("interrupted |interrupted||0",
+                  shown(tool::run_tc(classes(513), go_on, done, no_log)));
+        EXPECT_EQ(batches * 256, done);
+    }
+}
+
+// Counted among all steps, those of other programs too
+TEST_F(Steps, OfTcTellHowManyAreDone)
+{
+    std::vector<step> mixed = {steps[5], steps[0], steps[2], steps[1], steps[3]};
+    std::size_t done = 9999;
+    const auto go_on = [] { return true; };
+    install("tc");
+    EXPECT_EQ("done", shown(tool::run_tc(mixed, go_on, done, no_log)));
+    EXPECT_EQ(4U, done);
+    refuse("tc", "No.\nCommand failed -:1\n");
+    (void)tool::run_tc(mixed, go_on, done, no_log);
+    EXPECT_EQ(1U, done);
+    refuse("tc", "No.\nCommand failed -:2\n");
+    (void)tool::run_tc(mixed, go_on, done, no_log);
+    EXPECT_EQ(3U, done);
+    // A tc that names no line may have done all.
+    install("tc", "kill -KILL $$");
+    (void)tool::run_tc(mixed, go_on, done, no_log);
+    EXPECT_EQ(4U, done);
+    fs::remove(folder_ + "/tc");
+    (void)tool::run_tc(mixed, go_on, done, no_log);
+    EXPECT_EQ(0U, done);
+}
+
+TEST_F(Steps, OfTcInALaterBatchNameTheirOwnCommand)
+{
+    install("tc", "[ $(wc -l <" + folder_ +
+                      "/tc.words) = 1 ] && exit 0\n"
+                      "printf 'No.\\nCommand failed -:3\\n' >&2; exit 1");
+    std::size_t done = 0;
+    const auto go_on = [] { return true; };
+    EXPECT_EQ("refused |tc: No.|tc class 259|259",
+              shown(tool::run_tc(classes(300), go_on, done, no_log)));
+    EXPECT_EQ(258U, done);
+}
+
+TEST_F(Steps, OfTcThatIsKilledOrSilent)
+{
+    install("tc", "kill -KILL $$");
+    EXPECT_EQ("failed |tc: was killed by signal 9 (Killed)||0", shown(run_all(steps)));
+    install("tc", "echo 'Command failed -:1' >&2; kill -SEGV $$");
+    EXPECT_EQ("failed |tc: was killed by signal 11 (Segmentation fault); it said: Command failed "
+              "-:1||0",
+              shown(run_all(steps)));
+    install("tc", "exit 2");
+    EXPECT_EQ("failed |tc: ended with status 2 and said nothing||0", shown(run_all(steps)));
+    refuse("tc", "Command failed -:2\n");
+    EXPECT_EQ("refused |tc: refused|tc class add dev q0 prio 0|6", shown(run_all(steps)));
+}
+
+TEST_F(Steps, OfRulesThatAreKilledOrSilent)
+{
+    install("iptables-restore", "kill -KILL $$");
+    EXPECT_EQ("failed |iptables-restore: was killed by signal 9 (Killed)||0", shown(load(1)));
+    install("iptables-restore", "exit 1");
+    EXPECT_EQ("failed |iptables-restore: ended with status 1 and said nothing||0", shown(load(1)));
+}
+
+TEST_F(Steps, NameTheModuleThatTheKernelMayLack)
+{
+    const step leaf = {program::tc,
+                       "qdisc add dev q0 parent 1:0x2   handle 0x20: sfq perturb 10",
+                       {object::kind::leaf, 2, ""},
+                       9,
+                       "",
+                       false};
+    refuse("tc", "Error: Specified qdisc kind is unknown.\nCommand failed -:1\n");
+    EXPECT_EQ(
+        "refused |tc: Error: Specified qdisc kind is unknown.; the kernel may lack its module "
+        "sch_sfq|tc qdisc add dev q0 parent 1:0x2   handle 0x20: sfq perturb 10|9",
+        shown(run_all({leaf})));
+    const step rule = {program::iptables_restore,
+                       "-A QOS_q0 -m dscp --dscp 0x2e -j CONNMARK",
+                       {object::kind::rule, 0, "QOS_q0"},
+                       10,
+                       "",
+                       false};
+    refuse("iptables-restore", "iptables-restore: line 2 failed: No chain/target/match by that "
+                               "name.\n");
+    EXPECT_EQ("refused |iptables-restore: refused; the kernel may lack its module xt_dscp or "
+              "xt_CONNMARK|iptables -t mangle -A QOS_q0 -m dscp --dscp 0x2e -j CONNMARK|10",
+              shown(load(1, {rule})));
+}
+
+// The log is a pipe that keeps each write apart, as /dev/kmsg keeps its records.
+TEST_F(Steps, PassOnWhatTheKernelSaid)
+{
+    int ends[2];
+    ASSERT_EQ(0, ::pipe2(ends, O_DIRECT));
+    const string log = "/proc/self/fd/" + std::to_string(ends[0]);
+    const string say = "printf '3,9,1,-;sch: bad limit\\n' >/proc/" + std::to_string(::getpid()) +
+                       "/fd/" + std::to_string(ends[1]) + "\n";
+    install("tc", say + "printf 'Invalid argument\\nCommand failed -:1\\n' >&2; exit 1");
+    install("iptables-restore", say + "exit 1");
+    std::size_t done = 0;
+    EXPECT_EQ("refused |tc: Invalid argument; the kernel said: sch: bad limit|tc qdisc del dev q0 "
+              "root|0",
+              shown(tool::run_tc(
+                  steps, [] { return true; }, done, log.c_str())));
+    EXPECT_EQ("failed |iptables-restore: ended with status 1 and said nothing; the kernel said: "
+              "sch: bad limit||0",
+              shown(tool::load_rules(tool::iptables("q0", 1), steps, log.c_str())));
+    (void)::close(ends[0]);
+    (void)::close(ends[1]);
+}
+
+TEST_F(Steps, ForTakingBackPassOverRefusals)
+{
+    refuse("tc", "No.\nCommand failed -:1\n");
+    tool::run_tolerant({});
+    EXPECT_EQ("", got("tc", "words"));
+    tool::run_tolerant({"class del dev q0 classid 1:1", "qdisc del dev q0 root"});
+    EXPECT_EQ("-force -batch -\n", got("tc", "words"));
+    EXPECT_EQ("class del dev q0 classid 1:1\nqdisc del dev q0 root\n", got("tc", "input"));
+}
+
+TEST_F(Steps, OfTcThatIsMissing)
+{
+    EXPECT_EQ("missing tc|tc is missing||0", shown(run_all(steps)));
+}
 
 TEST_F(Steps, OfRulesAreOneLoad)
 {
     install("iptables-restore");
-    EXPECT_EQ("done", shown(load_rules(tool::iptables("q0", 7), steps)));
+    EXPECT_EQ("done", shown(load(7)));
     EXPECT_EQ("--noflush -w 7\n", got("iptables-restore", "words"));
     EXPECT_EQ("*mangle\n:QOS_q0 - [0:0]\n-A QOS_q0 -j A \n-A QOS_q0 -j B \nCOMMIT\n",
               got("iptables-restore", "input"));
@@ -135,7 +315,7 @@ TEST_F(Steps, OfRulesAreOneLoad)
 TEST_F(Steps, OfRulesWaitASecondAtLeast)
 {
     install("iptables-restore");
-    (void)load_rules(tool::iptables("q0", 0), steps);
+    (void)load(0);
     EXPECT_EQ("--noflush -w 1\n", got("iptables-restore", "words"));
 }
 
@@ -158,7 +338,7 @@ TEST_F(Steps, OfRulesTellWhichWasRefused)
     };
     for (const auto &c : cases) {
         refuse("iptables-restore", c.said);
-        EXPECT_EQ(c.shown, shown(load_rules(tool::iptables("q0", 1), steps)));
+        EXPECT_EQ(c.shown, shown(load(1)));
     }
 }
 
@@ -173,7 +353,7 @@ bool has_network_namespaces()
 // The kernel refuses a load whole, at its COMMIT: then the rules are tried one by one.
 TEST_F(Steps, OfRulesAreTriedOneByOneWhereTheLoadDoesNotTell)
 {
-    const auto tried = [&] { return shown(load_rules(tool::iptables("q0", 1), steps)); };
+    const auto tried = [&] { return shown(load(1)); };
     refuse("iptables-restore", "iptables-restore: line 5 failed\n");
     install("iptables", "case \"$*\" in *' B') exit 1 ;; esac");
     if (!has_network_namespaces()) GTEST_SKIP() << "no network namespace to try rules in";
@@ -198,16 +378,14 @@ TEST_F(Steps, OfRulesBehindALockThatStaysHeld)
 {
     refuse("iptables-restore", "iptables-restore: line 3 failed. Another app holds the lock\n", 4);
     EXPECT_EQ("busy |iptables-restore: line 3 failed. Another app holds the lock||0",
-              shown(load_rules(tool::iptables("q0", 1), steps)));
+              shown(load(1)));
 }
 
 TEST_F(Steps, OfRulesWithoutTheirProgram)
 {
-    const tool::iptables tables("q0", 1);
-    EXPECT_EQ("missing iptables|iptables is missing||0", shown(load_rules(tables, steps)));
+    EXPECT_EQ("missing iptables|iptables is missing||0", shown(load(1)));
     install("iptables");
-    EXPECT_EQ("missing iptables-restore|iptables-restore is missing||0",
-              shown(load_rules(tables, steps)));
+    EXPECT_EQ("missing iptables-restore|iptables-restore is missing||0", shown(load(1)));
 }
 
 TEST_F(Steps, ListingIsThatOfTheInterface)
@@ -258,7 +436,9 @@ TEST_F(Steps, ProgramsAreFoundOnThePath)
 {
     EXPECT_FALSE(tool::is_on_path("tc"));
     std::ofstream(folder_ + "/tc") << "";
-    EXPECT_FALSE(tool::is_on_path("tc")) << "it cannot be run";
+    // There, though it cannot be run: nobody is told that it is missing.
+    EXPECT_TRUE(tool::is_on_path("tc"));
+    EXPECT_EQ("failed |tc: cannot be started: Permission denied||0", shown(run_all(steps)));
     install("tc");
     EXPECT_TRUE(tool::is_on_path("tc"));
     (void)::setenv("PATH", ("/nowhere:" + folder_).c_str(), 1);
