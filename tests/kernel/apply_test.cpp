@@ -6,332 +6,22 @@
 //
 // Under the names tc, iptables and iptables-restore this program is a spy: it notes the call and
 // then runs the real one. What the kernel holds is always read with tc and iptables themselves.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/file.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <array>
-#include <cerrno>
-#include <chrono>
-#include <csignal>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <filesystem>
-#include <fstream>
-#include <map>
-#include <memory>
-#include <nlohmann/json.hpp>
-#include <sstream>
-#include <string>
-#include <vector>
+
+#include "spy.h"
 
 namespace {
 
-using nlohmann::json;
-using std::string;
-using lines = std::vector<string>;
+using namespace guest;
 namespace fs = std::filesystem;
-
-const string spies = "/run/spies";
-const string calls_file = "/run/calls";
-string mordel_path;
-string plain_path;  // PATH without the spies
-
-lines lines_of(const string &text)
-{
-    lines out;
-    std::istringstream in(text);
-    for (string line; std::getline(in, line);) out.push_back(line);
-    return out;
-}
-
-string file_text(const string &path)
-{
-    std::ifstream in(path);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
-void write_file(const string &path, const string &text) { std::ofstream(path) << text; }
-
-string replaced(string text, const string &from, const string &to)
-{
-    for (std::size_t at = 0; (at = text.find(from, at)) != string::npos; at += to.size())
-        text.replace(at, from.size(), to);
-    return text;
-}
-
-bool has(const string &text, const string &part) { return text.find(part) != string::npos; }
-
-string joined(const lines &all, const char *between)
-{
-    string out;
-    for (const string &one : all) out += (out.empty() ? "" : between) + one;
-    return out;
-}
-
-// One space between words, none at the ends
-string squeezed(const string &text)
-{
-    lines words;
-    std::istringstream in(text);
-    for (string word; in >> word;) words.push_back(word);
-    return joined(words, " ");
-}
-
-// ---- Programs -----------------------------------------------------------------------------------
-
-struct closer {
-    void operator()(FILE *stream) const { (void)std::fclose(stream); }
-};
-using stream = std::unique_ptr<FILE, closer>;
-
-string contents(FILE *from)
-{
-    string text;
-    std::array<char, 4096> piece{};
-    std::rewind(from);
-    while (const std::size_t n = std::fread(piece.data(), 1, piece.size(), from))
-        text.append(piece.data(), n);
-    return text;
-}
-
-struct result {
-    int status = 0;  // 128 and the signal's number when it was killed
-    string out, err;
-    json parsed() const { return json::parse(out, nullptr, false); }
-};
-
-struct environment {
-    string path;
-    int signal = 0;  // that the spies send to all of the command's group
-};
-
-class program {
-public:
-    explicit program(const lines &command, const string &input = "", const environment &e = {})
-        : in_(std::tmpfile()), out_(std::tmpfile()), err_(std::tmpfile())
-    {
-        (void)std::fwrite(input.data(), 1, input.size(), in_.get());
-        std::rewind(in_.get());
-        pid_ = ::fork();
-        if (pid_ != 0) return;
-        (void)::setpgid(0, 0);
-        (void)::dup2(::fileno(in_.get()), 0);
-        (void)::dup2(::fileno(out_.get()), 1);
-        (void)::dup2(::fileno(err_.get()), 2);
-        (void)::setenv("PATH", e.path.empty() ? plain_path.c_str() : e.path.c_str(), 1);
-        if (e.signal != 0) (void)::setenv("SPY_SIGNAL", std::to_string(e.signal).c_str(), 1);
-        std::vector<char *> argv;
-        for (const string &word : command) argv.push_back(const_cast<char *>(word.c_str()));
-        argv.push_back(nullptr);
-        (void)::execvp(argv[0], argv.data());
-        ::_exit(127);
-    }
-
-    pid_t pid() const { return pid_; }
-    bool running() { return !ended_ && !(ended_ = ::waitpid(pid_, &status_, WNOHANG) == pid_); }
-
-    result end()
-    {
-        // One that hangs ends too, so that the tests behind it are run.
-        const auto last = std::chrono::steady_clock::now() + std::chrono::seconds(300);
-        while (running() && std::chrono::steady_clock::now() < last) (void)::usleep(1000);
-        if (!ended_) (void)::kill(-pid_, SIGKILL);
-        if (!ended_) (void)::waitpid(pid_, &status_, 0);
-        return {WIFSIGNALED(status_) ? 128 + WTERMSIG(status_) : WEXITSTATUS(status_),
-                contents(out_.get()), contents(err_.get())};
-    }
-
-private:
-    stream in_, out_, err_;
-    pid_t pid_ = 0;
-    int status_ = 0;
-    bool ended_ = false;
-};
-
-result run(const lines &command, const string &input = "") { return program(command, input).end(); }
-
-// A command of a person; it works.
-void by_hand(const string &command)
-{
-    const result r = run({"/bin/sh", "-ec", command});
-    EXPECT_EQ(0, r.status) << command << "\n" << r.err;
-}
-
-// ---- The spies ----------------------------------------------------------------------------------
-
-string network_of(const char *process)
-{
-    std::array<char, 64> link{};
-    (void)::readlink((string("/proc/") + process + "/ns/net").c_str(), link.data(),
-                     link.size() - 1);
-    return link.data();
-}
-
-int spy(const string &name, char **argv)
-{
-    json call = {{"name", name}, {"words", json::array()}, {"input", ""}};
-    for (char **word = argv + 1; *word != nullptr; ++word) call["words"].push_back(*word);
-    // Where it is only tried
-    const bool elsewhere = network_of("self") != network_of("1");
-    call["elsewhere"] = elsewhere;
-    if (name == "iptables-restore" || call["words"] == json{"-batch", "-"}) {
-        static const stream copy(std::tmpfile());
-        call["input"] = contents(stdin);
-        const auto &text = call["input"].get_ref<const string &>();
-        (void)std::fwrite(text.data(), 1, text.size(), copy.get());
-        std::rewind(copy.get());
-        (void)::dup2(::fileno(copy.get()), 0);
-    }
-    const string line = call.dump() + "\n";
-    const int log = ::open(calls_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    if (::write(log, line.data(), line.size()) != ssize_t(line.size())) return 126;
-    const char *signal = std::getenv("SPY_SIGNAL");
-    // As the terminal does: to the group of the command, which is not that of its tools.
-    if (signal != nullptr && !elsewhere) (void)::kill(-::getpgid(::getppid()), std::atoi(signal));
-    const string path = std::getenv("PATH");
-    (void)::setenv("PATH", path.substr(path.find(':') + 1).c_str(), 1);
-    argv[0] = const_cast<char *>(name.c_str());
-    (void)::execvp(name.c_str(), argv);
-    return 127;
-}
-
-std::vector<json> calls()
-{
-    std::vector<json> all;
-    for (const string &line : lines_of(file_text(calls_file))) all.push_back(json::parse(line));
-    return all;
-}
-
-// The commands of the spied calls that change something, as the command itself lists them
-lines changes()
-{
-    lines all;
-    for (const json &call : calls()) {
-        if (call["elsewhere"].get<bool>()) continue;
-        const string name = call["name"];
-        const string words = joined(call["words"].get<lines>(), " ");
-        if (name == "iptables-restore") {
-            for (const string &line : lines_of(call["input"]))
-                if (line[0] == '-' || line[0] == ':') all.push_back(name + ": " + line);
-        } else if (words == "-batch -") {
-            for (const string &line : lines_of(call["input"])) all.push_back("tc " + line);
-        } else if (!has(words, " show") && !has(words, " -S")) {
-            all.push_back(name + " " + words);
-        }
-    }
-    return all;
-}
-
-// ---- Interfaces and what they hold --------------------------------------------------------------
-
-// An ifb queues its packets, as real hardware does.
-string fresh_interface()
-{
-    static int count = 0;
-    std::array<char, 16> name{};
-    (void)std::snprintf(name.data(), name.size(), "q%03d", ++count);
-    const string n = name.data();
-    const result r =
-        run({"ip", "-batch", "-"}, "link add " + n + " txqueuelen 100 type ifb\nlink set " + n +
-                                       " up\naddr add 10.9." + std::to_string(count) +
-                                       ".1/24 dev " + n + "\n");
-    EXPECT_EQ(0, r.status) << r.err;
-    return n;
-}
-
-lines sorted_lines(const string &text)
-{
-    lines all;
-    for (const string &line : lines_of(text)) {
-        // A counter among the options
-        const std::size_t count = line.find(" direct_packets_stat");
-        all.push_back(count == string::npos ? line : line.substr(0, count));
-    }
-    std::sort(all.begin(), all.end());
-    return all;
-}
-
-string tree_of(const string &name)
-{
-    string show;
-    for (const char *what : {"class", "qdisc", "filter"})
-        show += string(what) + " show dev " + name + "\n";
-    const result r = run({"tc", "-details", "-batch", "-"}, show);
-    EXPECT_EQ(0, r.status) << r.err;
-    return joined(sorted_lines(r.out), "\n") + "\n";
-}
-
-string rules_of(const string &name)
-{
-    const result r = run({"iptables", "-w", "-t", "mangle", "-S"});
-    EXPECT_EQ(0, r.status) << r.err;
-    string all;
-    for (const string &line : lines_of(r.out))
-        if (has(line, name)) all += line + "\n";
-    return all;
-}
-
-// All of an interface, its own name as "@" so that two can be compared
-string state_of(const string &name) { return replaced(tree_of(name) + rules_of(name), name, "@"); }
-
-struct counters {
-    unsigned packets = 0, dropped = 0, waiting = 0;
-    unsigned total() const { return packets + dropped + waiting; }
-};
-
-// By class: "1:10"
-std::map<string, counters> counters_of(const string &name)
-{
-    std::map<string, counters> all;
-    counters *now = nullptr;
-    for (const string &line : lines_of(run({"tc", "-s", "class", "show", "dev", name}).out)) {
-        std::array<char, 16> id{};
-        if (std::sscanf(line.c_str(), "class %*s %15s", id.data()) == 1) now = &all[id.data()];
-        if (now == nullptr) continue;
-        (void)std::sscanf(line.c_str(), " Sent %*u bytes %u pkt (dropped %u", &now->packets,
-                          &now->dropped);
-        (void)std::sscanf(line.c_str(), " backlog %*[0-9A-Za-z] %up", &now->waiting);
-    }
-    return all;
-}
-
-// Packets of 1,000 bytes and their headers, each already marked
-void send(const string &name, unsigned mark, int count)
-{
-    const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(0, ::setsockopt(fd, SOL_SOCKET, SO_MARK, &mark, sizeof mark));
-    ASSERT_EQ(0, ::setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, name.c_str(), 4));
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(9);
-    to.sin_addr.s_addr =
-        htonl(0x0a090002U | (static_cast<std::uint32_t>(std::stoul(name.substr(1))) << 8));
-    const string body(1000, 'x');
-    for (int i = 0; i < count; ++i)
-        (void)::sendto(fd, body.data(), body.size(), MSG_DONTWAIT,
-                       reinterpret_cast<const sockaddr *>(&to), sizeof to);  // it may be dropped
-    (void)::close(fd);
-}
 
 // ---- The command --------------------------------------------------------------------------------
 
-environment spied(int signal = 0) { return {spies + ":" + plain_path, signal}; }
-
-lines command_line(const lines &words)
-{
-    lines all = {mordel_path};
-    all.insert(all.end(), words.begin(), words.end());
-    return all;
-}
+// signal: what the spies send to mordel at each call
+environment signalled(int signal) { return spied({{"SPY_SIGNAL", std::to_string(signal)}}); }
 
 void expect_all_wait()
 {
@@ -351,14 +41,6 @@ result mordel(const lines &words, const environment &e = spied())
     return r;
 }
 
-string policy_file(const string &text)
-{
-    static int count = 0;
-    const string path = "/run/policy" + std::to_string(++count) + ".toml";
-    write_file(path, text);
-    return path;
-}
-
 // The first interface's part of what apply or stop told, as JSON
 json told(const result &r)
 {
@@ -374,15 +56,6 @@ json apply(const string &text, int status = 0)
     EXPECT_EQ(status, r.status) << r.err;
     EXPECT_EQ(status == 0, r.parsed().value("ok", status != 0));
     return told(r);
-}
-
-void expect_default(const string &name)
-{
-    const string untouched =
-        "qdisc pfifo_fast 0: root refcnt 2 bands 3 priomap 1 2 2 2 1 2 0 0 1 1 "
-        "1 1 1 1 1 1\n";
-    EXPECT_EQ(untouched, replaced(tree_of(name), "  ", " "));
-    EXPECT_EQ("", rules_of(name));
 }
 
 // Every leaf kind; 0x14 is so slow that its packets wait.
@@ -422,8 +95,6 @@ class = [
 ]
 )";
 
-string for_interface(const string &text, const string &name) { return replaced(text, "@", name); }
-
 // ---- Whole policies -----------------------------------------------------------------------------
 
 TEST(Apply, LeavesWhatTheRenderedScriptLeaves)
@@ -458,7 +129,7 @@ TEST(Apply, LeavesWhatTheRenderedScriptLeaves)
     EXPECT_EQ(lines{}, changes());
 
     ASSERT_EQ(0, mordel({"stop", example}).status);
-    const result script = mordel({"apply", "--script", example}, {plain_path});
+    const result script = mordel({"apply", "--script", example}, {plain_path, {}, {}});
     EXPECT_EQ(0, script.status) << script.err;
     EXPECT_EQ(by_script, all());
     EXPECT_EQ(0, mordel({"stop", example}).status);
@@ -1186,11 +857,11 @@ TEST(Signal, FinishesWhatItBegan)
         SCOPED_TRACE(::strsignal(signal));
         const string q = fresh_interface();
         const string file = policy_file(for_interface(htb_policy, q));
-        const result r = mordel({"apply", file}, spied(signal));
+        const result r = mordel({"apply", file}, signalled(signal));
         EXPECT_TRUE(r.status == 0 || r.status == 128 + signal) << r.status << r.err;
         EXPECT_EQ(whole, state_of(q));
         EXPECT_EQ("unchanged", apply(for_interface(htb_policy, q))["result"]);
-        (void)mordel({"stop", file}, spied(signal));
+        (void)mordel({"stop", file}, signalled(signal));
         expect_default(q);
     }
 }
@@ -1206,7 +877,7 @@ environment only(const lines &tools)
         if (!fs::is_symlink(folder + "/" + tool))
             fs::create_symlink(squeezed(run({"/bin/sh", "-c", "command -v " + tool}).out),
                                folder + "/" + tool);
-    return {folder};
+    return {folder, {}, {}};
 }
 
 void expect_whole_or_default(const string &q, const string &whole)
@@ -1235,7 +906,8 @@ TEST(MissingTool, FallsBackToTheScriptOrFailsWhole)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE("only " + joined(c.tools, ", "));
-        const environment e = c.tools[0] == "none" ? environment{"/nowhere"} : only(c.tools);
+        const environment e =
+            c.tools[0] == "none" ? environment{"/nowhere", {}, {}} : only(c.tools);
         const string q = fresh_interface();
         const string file = policy_file(for_interface(htb_policy, q));
         const result r = mordel({"apply", "--json", file}, e);
@@ -1470,7 +1142,7 @@ TEST(Names, NeverReachAShell)
 int test_or_spy(int argc, char **argv)
 {
     const string name = fs::path(argv[0]).filename();
-    if (name == "tc" || name == "iptables" || name == "iptables-restore") return spy(name, argv);
+    if (is_spy(name)) return spy(name, argv);
     testing::InitGoogleTest(&argc, argv);
     const char *given = argc > 1 ? argv[1] : std::getenv("MORDEL");
     if (given == nullptr) {
@@ -1479,12 +1151,8 @@ int test_or_spy(int argc, char **argv)
     }
     mordel_path = given;
     plain_path = std::getenv("PATH");
-    // IPv6 sends packets of its own accord.
-    for (const char *which : {"all", "default"})
-        write_file(string("/proc/sys/net/ipv6/conf/") + which + "/disable_ipv6", "1");
-    fs::create_directory(spies);
-    for (const char *tool : {"tc", "iptables", "iptables-restore"})
-        fs::create_symlink(fs::canonical("/proc/self/exe"), spies + "/" + tool);
+    without_ipv6();
+    place_spies();
     return RUN_ALL_TESTS();
 }
 
