@@ -57,8 +57,6 @@ TEST(InPlace, OneClassMoreAmongTwoThousandIsOneClassOneLeafOneFilter)
     ASSERT_LE(2U, back.size());
     ASSERT_GE(3U, back.size()) << joined(back, "\n").substr(0, 500);
     EXPECT_EQ(2001U, counters_of(q).size());
-    by_hand("ip link del " + q);
-    interfaces.pop_back();
 }
 
 // ---- A flow -------------------------------------------------------------------------------------
@@ -67,7 +65,7 @@ constexpr unsigned flow_port = 5001;
 constexpr unsigned packets_a_second = 1200;  // of 1,042 bytes: 10 Mbit/s
 
 // A veth pair; its far end is in a namespace of its own and answers nothing.
-string make_flow_interface()
+void make_flow_interface()
 {
     by_hand("ip netns add far;"
             "ip link add flow0 txqueuelen 1000 address 02:00:00:00:00:01 type veth peer name far0 "
@@ -75,7 +73,7 @@ string make_flow_interface()
             "ip addr add 10.8.0.1/24 dev flow0; ip link set flow0 up;"
             "ip -n far addr add 10.8.0.2/24 dev far0; ip -n far link set far0 up;"
             "ip neigh replace 10.8.0.2 lladdr 02:00:00:00:00:02 dev flow0 nud permanent");
-    return "flow0";
+    interfaces.emplace_back("flow0");
 }
 
 sockaddr_in far_address()
@@ -199,23 +197,23 @@ void print(const char *what, const seen &s)
 
 TEST(InPlace, AFlowThroughAnUntouchedClassLosesNothing)
 {
-    (void)make_flow_interface();
+    make_flow_interface();
     const string few = policy_file(flow_policy(3, 0));
     const string many = policy_file(flow_policy(3, 100));
     apply_file(few);
-    const seen in_place = during({many, few, many, few});
-    print("100 classes come and go, twice, in place", in_place);
+    const seen in_place = during({many, few, many});
+    print("100 classes come, go and come, in place", in_place);
     EXPECT_LT(packets_a_second / 10, in_place.sent);
     EXPECT_EQ(0U, in_place.lost);
     EXPECT_EQ(in_place.sent, in_place.counted);
 
     const string other_default = policy_file(flow_policy(0x10, 0));
-    const seen rebuilt = during({other_default, few, other_default, few});
-    print("another default class, four times, built anew", rebuilt);
+    apply_file(few);
+    const seen rebuilt = during({other_default, few});
+    print("another default class and back, built anew", rebuilt);
     // Counters begin again with a new tree: otherwise the first figures prove nothing.
     EXPECT_GT(rebuilt.sent, rebuilt.counted);
-    by_hand("ip link del flow0; ip netns del far");
-    (void)mordel({"stop", few});
+    by_hand("ip netns del far");
 }
 
 // ---- Rules --------------------------------------------------------------------------------------
