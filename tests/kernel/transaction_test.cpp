@@ -55,13 +55,19 @@ void measure(pair &p)
 {
     apply_afresh(p.before_file);
     p.before = everything();
+    const string length = queue_length(p.name);
     const result there = mordel_with({.at = never}, {"apply", p.after_file});
     ASSERT_EQ(0, there.status) << there.err << file_text(p.after_file);
     p.positions = static_cast<unsigned>(std::atoi(file_text(count_file).c_str()));
     expect_as_from_scratch(p);
     p.after = everything();
     apply_file(p.before_file);
-    if (!expect_as(p.before, "there and back")) apply_afresh(p.before_file);
+    // The queue length of a pfifo_fast policy stays when another takes its place, and the default
+    // leaves have it for their limit.
+    if (queue_length(p.name) == length)
+        expect_as(p.before, "there and back");
+    else
+        p.before = everything();
 }
 
 // All positions, or so many of them by chance; the first and the last always
