@@ -220,13 +220,14 @@ TEST(Fault, NoMemoryLeavesWhatRan)
 {
     const change c = prepared(many_rules());
     unsigned refused = 0;
-    for (const rlim_t megabytes : {32, 16, 12, 8, 6}) {
+    for (const unsigned megabytes : {32U, 16U, 12U, 8U, 6U}) {
         SCOPED_TRACE(std::to_string(megabytes) + " MiB");
         remove_notes();
         // The spies need more than mordel does: here the real tools are run.
-        const result r = program(command_line({"apply", c.new_file}), "",
-                                 {plain_path, {}, [=] { limit(RLIMIT_AS, megabytes << 20); }})
-                             .end();
+        const result r =
+            program(command_line({"apply", c.new_file}), "",
+                    {plain_path, {}, [=] { limit(RLIMIT_AS, rlim_t{megabytes} << 20); }})
+                .end();
         refused += r.status != 0 ? 1U : 0U;
         expect_done_or_refused(c, r);
         if (HasFailure()) break;
