@@ -1,260 +1,347 @@
 // SPDX-License-Identifier: MIT
-// Owns the way of a plan into the kernel: runs the steps, reads the kernel again and verifies its
-// tree. After a failure the interface goes back to its default qdisc without chains: half a policy
-// would shape in a way that nobody wrote. plan.cpp decides which steps there are.
+// Owns the transaction: what was prepared is written to the journal, run, read back from the kernel
+// and remembered; or it is taken back. prepare.cpp decides what is done, take_back.cpp how an
+// interface gets back.
 
 #include "apply.h"
 
+#include <net/if.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstring>
+#include <functional>
+#include <thread>
 
+#include "interruption.h"
 #include "kernel.h"
-#include "observe.h"
-#include "process.h"
+#include "memory_reserve.h"
+#include "recover.h"
+#include "render.h"
 #include "script_run.h"
-#include "state.h"
 #include "steps.h"
-#include "stop.h"
 #include "text.h"
+#include "timer.h"
 
 namespace tool {
 namespace {
 
 using std::string;
-using lines = std::vector<string>;
 
-// The arguments of the work on one interface
-struct job {
-    const policy &whole;
-    const string &policy_text;
-    const apply_options &options;
-    wanted w;
-    iptables tables;
-    state_folder state;
-
-    const string &name() const { return w.iface.name; }
-};
-
-outcome begin(const string &name, const plan &p)
-{
-    outcome out;
-    out.name = name;
-    out.result = p.result;
-    out.steps = p.steps;
-    out.notes = p.notes;
-    return out;
-}
-
-outcome failed(outcome out, const string &why)
+void fail(outcome &out, const string &why)
 {
     out.failed = true;
     out.error = why;
-    return out;
 }
 
-outcome taken_back(const job &j, outcome out, const string &error)
+const char *signal_name(int number)
 {
-    out = failed(out, error);
-    string why;
-    out.restored = take_back(j.name(), j.tables, why);
-    // Forgets the policy of before too: the kernel no longer has it.
-    j.state.forget(j.name());
-    if (!out.restored) out.notes.push_back("could not be taken back whole: " + why);
-    return out;
+    return number == SIGINT ? "SIGINT" : number == SIGTERM ? "SIGTERM" : "SIGHUP";
 }
 
-// ---- Verified and remembered --------------------------------------------------------------------
+bool has_work(const prepared &p) { return !p.out.failed && !p.out.steps.empty(); }
 
-// Reads the kernel again and compares. "" when no part of the tree is missing; a number that the
-// kernel has cut to its own limits only adds a note.
-string verified(const job &j, outcome &out)
-{
-    string why;
-    const auto live = read_kernel(j.name(), why);
-    if (!live) return why;
-    const verification v = verify(j.w, *live);
-    out.notes.insert(out.notes.end(), v.notes.begin(), v.notes.end());
-    return v.error;
-}
+// ---- One interface ------------------------------------------------------------------------------
 
 // The rules as the table lists them now, for kernels without a namespace to try rules in: the next
 // apply compares with this listing. None where a trial works, and after a load onto no chains.
-std::optional<string> rules_to_remember(const job &j, const chains_seen &chains)
+std::optional<string> rules_to_remember(const prepared &p)
 {
-    if (chains.present.empty() || chains.expected) return std::nullopt;
+    if (p.chains.present.empty() || p.chains.expected) return std::nullopt;
     string why;
-    const auto present = j.tables.list(why);
+    const auto present = p.tables.list(why);
     if (!present) return std::nullopt;
     string text;
     for (const string &line : *present) text += line + "\n";
     return text;
 }
 
-outcome kept(const job &j, const chains_seen &chains, outcome out)
-{
-    // Only a note: the policy is in force, whether it is remembered or not.
-    if (!j.state.write(j.name(), {j.policy_text, j.w.text, rules_to_remember(j, chains)}))
-        out.notes.push_back(
-            format("cannot write to %s: status will not know the policy", j.state.path().c_str()));
-    return out;
-}
-
-// ---- By the script ------------------------------------------------------------------------------
-
-// The script silences some commands and gives no exit status of use, so its rules are counted. ""
-// when all are in the table.
-string rules_missing(const job &j)
+// The script gives no exit status of use, so its rules are counted. "" when all are in the table.
+string rules_missing(const prepared &p)
 {
     string why;
-    const auto present = j.tables.list(why);
+    const auto present = p.tables.list(why);
     if (!present) return why;
-    const std::size_t wanted_lines = 2 + j.w.script.rules.size();  // the two chains
+    const std::size_t wanted_lines = 2 + p.w.script.rules.size();  // the two chains
     if (present->size() == wanted_lines) return "";
     return format("%zu of %zu rules, jumps and chains are in the mangle table", present->size(),
                   wanted_lines);
 }
 
-// Runs the start script. "", or why the interface is not as wanted. begun: set once it has run.
-string run_script(const job &j, outcome &out, bool &begun)
+std::optional<step_failure> set_queue(const prepared &p)
 {
-    string why;
-    if (!is_on_path("tc")) return "tc is missing";
-    // The script's iptables commands set no bound to their wait. A listing that has one comes
-    // first: a lock that another program keeps is met before the old tree is gone.
-    if (!read_kernel(j.name(), why) || !j.tables.list(why)) return why;
-    if (!write_start_script(j.whole, j.name())) return format("cannot write %s", start_script_path);
-    const auto failure = run_start_script(
-        start_script_path, j.w.text, [] { return true; }, begun);
-    if (failure) {
-        out.failed_command = failure->command;
-        out.failed_line = failure->line;
-        return failure->error;
-    }
-    why = verified(j, out);
-    return why.empty() ? rules_missing(j) : why;
-}
-
-// begun: earlier steps have changed the interface, so that a failure must be taken back.
-outcome by_script(const job &j, const chains_seen &chains, outcome out, bool begun)
-{
-    if (j.options.dry_run) return out;
-    const string error = run_script(j, out, begun);
-    if (error.empty()) return kept(j, chains, out);
-    return begun ? taken_back(j, out, error) : failed(out, error);
-}
-
-// For a router that has iptables but no iptables-restore: the script runs iptables for each rule.
-// The tc steps have run by now; the script begins by removing the tree that they built.
-outcome by_script_instead(const job &j, const chains_seen &chains, outcome out, const string &why)
-{
-    const plan p = plan_script(why);
-    out.result = p.result;
-    out.steps = p.steps;
-    out.notes.push_back(why + ": ran the script instead");
-    return by_script(j, chains, out, true);
-}
-
-// ---- By commands --------------------------------------------------------------------------------
-
-// After a refused load on the guess that there are no chains: lists the chains, puts the steps for
-// what is really there in place of the refused ones, and loads once more. `refused` is returned
-// when the listing fails.
-std::optional<step_failure> load_listed(const job &j, const memory &before, chains_seen &chains,
-                                        std::vector<step> &steps, const step_failure &refused)
-{
-    const chains_seen seen = look_at_chains(j.tables, j.w);
-    if (seen.how != chains_seen::looked::listed) return refused;
-    chains = seen;
-    const auto is_rule = [](const step &s) { return s.by == program::iptables_restore; };
-    const auto place = std::find_if(steps.begin(), steps.end(), is_rule) - steps.begin();
-    std::erase_if(steps, is_rule);
-    const std::vector<step> rules = plan_rules(j.w, chains, before);
-    steps.insert(steps.begin() + place, rules.begin(), rules.end());
-    return load_rules(j.tables, steps);
-}
-
-std::optional<step_failure> set_queue(const job &j, const std::vector<step> &steps)
-{
-    if (commands_of(steps, program::ifconfig).empty() ||
-        set_queue_len(j.name(), j.w.iface.param.pfifo_fast.queue_len))
+    if (commands_of(p.out.steps, program::ifconfig).empty() ||
+        set_queue_len(p.name(), p.w.iface.param.pfifo_fast.queue_len))
         return std::nullopt;
     step_failure f;
     f.error = format("cannot set the queue length: %s", std::strerror(errno));
     return f;
 }
 
-std::optional<step_failure> run_steps(const job &j, const memory &before, chains_seen &chains,
-                                      std::vector<step> &steps)
+std::optional<step_failure> run_commands(prepared &p, const std::function<bool()> &go_on)
 {
     std::size_t done = 0;
-    if (auto failure = run_tc(
-            steps, [] { return true; }, done))
-        return failure;
-    auto failure = load_rules(j.tables, steps);
-    if (failure && failure->what == step_failure::kind::refused &&
-        chains.how == chains_seen::looked::guessed)
-        failure = load_listed(j, before, chains, steps, *failure);
-    return failure ? failure : set_queue(j, steps);
+    auto failure = run_tc(p.out.steps, go_on, done);
+    p.entry.undo = undo_of(p.out.steps, done);
+    if (!failure) failure = load_rules(p.tables, p.out.steps);
+    return failure ? failure : set_queue(p);
 }
 
-outcome run_plan(const job &j, const memory &before, chains_seen chains, outcome out)
+std::optional<step_failure> run_script(const prepared &p, const policy &whole,
+                                       const std::function<bool()> &go_on)
 {
-    if (!commands_of(out.steps, program::tc).empty() && !is_on_path("tc"))
-        return failed(out, "tc is missing");
-    if (const auto failure = run_steps(j, before, chains, out.steps)) {
-        if (failure->program == "iptables-restore")
-            return by_script_instead(j, chains, out, failure->error);
-        out.failed_command = failure->command;
-        out.failed_line = failure->line;
-        return taken_back(j, out, failure->error);
+    if (!write_start_script(whole, p.name()))
+        return step_failure{{}, "", format("cannot write %s", start_script_path), "", 0};
+    bool begun = false;
+    const auto refused = run_start_script(start_script_path, p.w.text, go_on, begun);
+    if (!refused) {
+        const string missing = rules_missing(p);
+        return missing.empty() ? std::nullopt : std::optional(step_failure{{}, "", missing, "", 0});
     }
-    const string error = verified(j, out);
-    return error.empty() ? kept(j, chains, out) : taken_back(j, out, error);
+    return step_failure{{}, "", refused->error, refused->command, refused->line};
 }
 
-outcome by_commands(const job &j)
+// Reads the kernel again and compares. A number that the kernel has cut to its own limits only adds
+// a note.
+bool verified(prepared &p)
 {
     string why;
-    const auto live = read_kernel(j.name(), why);
-    if (!live) return failed(begin(j.name(), {}), why);
-    const memory before = j.state.read(j.name());
-    chains_seen chains;
-    if (!may_guess(*live, before)) chains = look_at_chains(j.tables, j.w);
-    if (chains.how == chains_seen::looked::failed)
-        return failed(begin(j.name(), {}), chains.why_not);
-    outcome out = begin(j.name(), plan_apply(j.w, *live, chains, before));
-    if (j.options.dry_run) return out;
-    return out.steps.empty() ? kept(j, chains, out) : run_plan(j, before, chains, out);
+    const auto live = read_kernel(p.name(), why);
+    if (live) {
+        const verification v = verify(p.w, *live);
+        p.out.notes.insert(p.out.notes.end(), v.notes.begin(), v.notes.end());
+        why = v.error;
+    }
+    if (!why.empty()) fail(p.out, why);
+    return why.empty();
 }
 
-outcome apply_interface(const job &j)
-{
-    if (!j.w.script.error.empty())
-        return failed(begin(j.name(), {}), "its start script: " + j.w.script.error);
-    if (!j.options.script) return by_commands(j);
-    return by_script(j, {}, begin(j.name(), plan_script("--script")), false);
-}
+// ---- All of a file ------------------------------------------------------------------------------
+
+class transaction {
+public:
+    transaction(const policy &p, const string &text, const rendering &texts, const apply_options &o,
+                const state_folder &state)
+        : policy_(p), text_(text), texts_(texts), o_(o), state_(state), journal_(state)
+    {}
+
+    applied go()
+    {
+        if (!o_.dry_run) {
+            stop_.emplace();
+            reserve_.emplace();
+        }
+        prepare_all();
+        if (o_.dry_run) return result();
+        const bool change = std::any_of(parts_.begin(), parts_.end(), has_work);
+        if (may_begin() && (!change || open_journal())) {
+            if (change) run_all();
+            // What comes from here on comes too late: half of the memories could not be taken back.
+            if (is_good()) stop_->over();
+            good_ = is_good();
+            if (good_)
+                keep(change);
+            else
+                take_all_back();
+        }
+        return result();
+    }
+
+private:
+    // Why nothing more may be done; "" while all goes on.
+    string cut_short() const
+    {
+        if (stop_->signal() != 0) return string("interrupted by ") + signal_name(stop_->signal());
+        return memory_reserve::ran_out() ? "out of memory" : "";
+    }
+    bool any_failed() const
+    {
+        return std::any_of(parts_.begin(), parts_.end(),
+                           [&](const prepared &p) { return p.out.failed && !is_excused(p); });
+    }
+    bool is_excused(const prepared &p) const { return p.out.missing && o_.missing_is_fine; }
+    bool is_good() const { return cut_short().empty() && (o_.keep_going || !any_failed()); }
+
+    bool may_begin()
+    {
+        if (error_.empty()) error_ = cut_short();
+        return error_.empty() && is_good();
+    }
+
+    void wait_for_interfaces() const
+    {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(o_.wait_interface);
+        const auto is_missing = [](const policy_interface &iface) {
+            return ::if_nametoindex(iface.name.c_str()) == 0;
+        };
+        while (std::any_of(policy_.interfaces.begin(), policy_.interfaces.end(), is_missing) &&
+               std::chrono::steady_clock::now() < end && cut_short().empty())
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+
+    void prepare_all()
+    {
+        if (!o_.dry_run) wait_for_interfaces();
+        parts_.reserve(policy_.interfaces.size());
+        for (std::size_t i = 0; i < policy_.interfaces.size(); ++i) {
+            if (!o_.dry_run && !cut_short().empty()) return;
+            parts_.push_back(
+                prepare(policy_.interfaces[i], texts_.interfaces[i].start, o_, state_));
+        }
+    }
+
+    journal journal_of(enum journal::phase what) const
+    {
+        journal j;
+        j.what = what;
+        j.boot = this_boot();
+        j.saved_as = o_.saved_as;
+        for (const prepared &p : parts_)
+            if (has_work(p)) j.entries.push_back(p.entry);
+        if (what == journal::phase::committed)  // nothing is taken back any more
+            for (journal_entry &e : j.entries) e = {e.name, e.index, {}, {}};
+        return j;
+    }
+
+    bool open_journal()
+    {
+        error_ = journal_.write(journal_of(journal::phase::under_way));
+        return error_.empty();
+    }
+
+    void run_all()
+    {
+        for (prepared &p : parts_) {
+            if (!has_work(p)) continue;
+            p.begun = true;
+            if (!run(p) && o_.keep_going && cut_short().empty()) take_back_one(p);
+            if (!is_good()) return;
+        }
+    }
+
+    bool run(prepared &p)
+    {
+        const auto go_on = [this] { return cut_short().empty(); };
+        stop_->left(p.name() + ": all that was done is to be taken back");
+        const bool by_script = !commands_of(p.out.steps, program::start_script).empty();
+        const auto failure = by_script ? run_script(p, policy_, go_on) : run_commands(p, go_on);
+        if (!failure && cut_short().empty()) return verified(p);
+        // A step may have failed of the interruption: then that is the reason to tell.
+        const string why = cut_short();
+        fail(p.out, why.empty() ? failure->error : why);
+        if (!why.empty()) return false;
+        p.out.failed_command = failure->command;
+        p.out.failed_line = failure->line;
+        return false;
+    }
+
+    void take_back_one(prepared &p)
+    {
+        const way_back back = take_back(p.entry, p.tables, state_);
+        p.out.back = back.how;
+        p.out.why_not_before = back.why;
+    }
+
+    void take_all_back()
+    {
+        bool all_back = true;
+        for (std::size_t i = parts_.size(); i > 0; --i) {
+            prepared &p = parts_[i - 1];
+            stop_->left(format("%s: %zu tc commands and the rules; %zu interfaces behind it",
+                               p.name().c_str(), p.entry.undo.size(), i - 1));
+            if (p.begun && p.out.back == taken_back::untouched) take_back_one(p);
+            all_back = all_back && p.out.back != taken_back::failed;
+            state_.drop_staged(p.name());
+        }
+        // An interface that nobody could take back stays in the journal, for another try.
+        if (all_back) note_error(journal_.remove());
+    }
+
+    void note_error(const string &what)
+    {
+        if (error_.empty()) error_ = what;
+    }
+
+    // ---- What went well -------------------------------------------------------------------------
+
+    void keep(bool change)
+    {
+        for (prepared &p : parts_) {
+            if (p.out.failed) continue;
+            stage(p);
+            // Of an interface that needed nothing there is nothing to take back.
+            if (!has_work(p)) (void)state_.take_staged(p.name());
+        }
+        if (!change) return;
+        journal j =
+            journal_of(o_.confirm != 0 ? journal::phase::unconfirmed : journal::phase::committed);
+        j.until = o_.confirm != 0 ? boot_seconds() + o_.confirm : 0;
+        error_ = journal_.write(j);
+        if (error_.empty() && o_.confirm != 0) error_ = start_timer(state_, j.until);
+        if (!error_.empty()) return take_all_back();
+        confirm_ = o_.confirm;
+        if (confirm_ == 0) note_error(commit(j, state_));
+    }
+
+    // A memory that says what is remembered already is not written anew: flash wears out.
+    void stage(prepared &p)
+    {
+        const memory fresh{text_, p.w.text, rules_to_remember(p),
+                           o_.source.empty() ? std::nullopt : std::optional(o_.source)};
+        if (fresh == p.before || state_.stage(p.name(), fresh)) return;
+        // Only a note: the policy is in force, whether it is remembered or not.
+        p.out.notes.push_back(
+            format("cannot write to %s: status will not know the policy", state_.path().c_str()));
+        state_.forget(p.name());
+    }
+
+    // In the policy's order; an interruption may have come before the last was looked at.
+    applied result()
+    {
+        applied all;
+        for (std::size_t i = 0; i < policy_.interfaces.size(); ++i) {
+            outcome out;
+            out.name = policy_.interfaces[i].name;
+            const bool known = i < parts_.size();
+            if (known) out = parts_[i].out;
+            const bool begun = known && parts_[i].begun;
+            out.left_alone = !o_.dry_run && !good_ && !begun && !out.failed;
+            all.interfaces.push_back(out);
+        }
+        all.error = error_;
+        all.signal = stop_ && !good_ ? stop_->signal() : 0;
+        all.confirm = confirm_;
+        return all;
+    }
+
+    const policy &policy_;
+    const string &text_;
+    const rendering &texts_;
+    const apply_options &o_;
+    const state_folder &state_;
+    const journal_file journal_;
+    std::optional<interruption> stop_;
+    std::optional<memory_reserve> reserve_;
+    std::vector<prepared> parts_;
+    bool good_ = false;  // all went well and is kept
+    string error_;
+    unsigned confirm_ = 0;
+};
 
 }  // namespace
 
-std::vector<outcome> apply_policy(const policy &p, const string &text, const rendering &texts,
-                                  const apply_options &o)
+bool applied::failed() const
 {
-    const uninterrupted section;
-    std::vector<outcome> all;
-    for (std::size_t i = 0; i < p.interfaces.size(); ++i) {
-        const policy_interface &iface = p.interfaces[i];
-        const string &script = texts.interfaces[i].start;
-        all.push_back(apply_interface({p,
-                                       text,
-                                       o,
-                                       {iface, script, parse_start_script(script, iface.name)},
-                                       iptables(iface.name, o.wait),
-                                       state_folder()}));
-        if (all.back().failed) break;
-    }
-    return all;
+    return !error.empty() || std::any_of(interfaces.begin(), interfaces.end(),
+                                         [](const outcome &r) { return r.failed; });
+}
+
+applied apply_policy(const policy &p, const string &text, const rendering &texts,
+                     const apply_options &o, const state_folder &state)
+{
+    return transaction(p, text, texts, o, state).go();
 }
 
 }  // namespace tool

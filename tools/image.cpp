@@ -58,7 +58,8 @@ private:
             cannot_write(format("root qdisc %s %x:", root.kind.c_str(), root.handle >> 16));
             return false;
         }
-        add("qdisc add dev " + ifname_ + " handle 1:0 root " + row->command(root), {kind::root, 0, ""});
+        add("qdisc add dev " + ifname_ + " handle 1:0 root " + row->command(root),
+            {kind::root, 0, ""});
         return true;
     }
 

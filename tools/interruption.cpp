@@ -26,6 +26,8 @@ struct message {
 constinit message messages[2] = {};
 volatile std::sig_atomic_t shown = 0;  // the index of the one for the handler
 
+volatile std::sig_atomic_t too_late = 0;
+
 void say(std::string_view text)
 {
     // Best effort: a terminal that is gone takes no message.
@@ -34,6 +36,7 @@ void say(std::string_view text)
 
 void on_signal(int number)
 {
+    if (too_late != 0) return;
     const int error = errno;
     if (first_signal == 0) {
         first_signal = number;
@@ -66,6 +69,7 @@ void set_message(std::string_view what)
 interruption::interruption()
 {
     first_signal = 0;
+    too_late = 0;
     set_message("nothing has begun");
     sigset_t suspend;
     (void)::sigemptyset(&suspend);
@@ -90,12 +94,15 @@ interruption::interruption()
 
 interruption::~interruption()
 {
+    if (too_late != 0) return;
     for (std::size_t i = 0; i < std::size(numbers); ++i)
         (void)::sigaction(numbers[i], &before_[i], nullptr);
     (void)::sigprocmask(SIG_SETMASK, &mask_before_, nullptr);
 }
 
 int interruption::signal() const { return first_signal; }
+
+void interruption::over() { too_late = 1; }
 
 void interruption::left(const std::string &what) { set_message(what); }
 

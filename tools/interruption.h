@@ -25,6 +25,10 @@ public:
     // Cut after 400 bytes.
     void left(const std::string &what);
 
+    // From now on the three come too late: nobody is told anything, and they do not end the program
+    // either, also when this is gone. signal() says whether one came before.
+    void over();
+
 private:
     static constexpr int numbers[] = {SIGINT, SIGTERM, SIGHUP, SIGPIPE};
 

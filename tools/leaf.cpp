@@ -81,7 +81,10 @@ void sfq_from_kernel(live_qdisc &seen, const attribute &options, double)
 
 string sfq_command(const live_qdisc &q, const tc_clock &)
 {
-    return format("sfq limit %u quantum %ub perturb %u", q.limit, q.quantum, q.perturb);
+    constexpr u32 usual_limit = 127;  // packets
+    // A limit that is given cuts the number of flows to it, the usual one too.
+    const string limit = q.limit == usual_limit ? "" : format(" limit %u", q.limit);
+    return format("sfq%s quantum %ub perturb %u", limit.c_str(), q.quantum, q.perturb);
 }
 
 // 0 is compared too: without perturb in the script the kernel's is 0.

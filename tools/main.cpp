@@ -1,333 +1,24 @@
 // SPDX-License-Identifier: MIT
-// Owns the command line of mordel: the options, and the way of each command through the stations.
-// Only this file and watch.cpp write to standard output and error.
+// Owns the command line of mordel: which commands there are, and the options of each.
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <map>
 #include <new>
-#include <nlohmann/json.hpp>
-#include <optional>
 
-#include "apply.h"
-#include "guards.h"
-#include "lock.h"
+#include "commands.h"
 #include "memory_reserve.h"
-#include "policy_folder.h"
-#include "policy_read.h"
-#include "render.h"
-#include "report.h"
-#include "show.h"
-#include "state.h"
-#include "status.h"
-#include "stop.h"
+#include "output.h"
+#include "process.h"
 #include "text.h"
-#include "watch.h"
 
 using namespace tool;
 using std::string;
-using json = nlohmann::ordered_json;
 
 namespace {
-
-enum exit_status {
-    done = 0,
-    failed = 1,
-    refused = 2,     // a bad policy or command line
-    unreported = 3,  // done, but the report could not be written
-};
-
-// The options of all commands: each command sets its own and leaves the rest at these values.
-struct options {
-    string file;
-    string interface;
-    kernel_kind kernel = kernel_kind::mainline;
-    bool json = false;
-    bool rules_only = false;
-    bool stop = false;
-    bool dot = false;
-    double seconds = 1;
-    apply_options apply;
-    watch_options watch;
-};
-
-// A message may quote a name or a text of the kernel's: no escape sequence gets to the terminal.
-void complain(const string &what) { std::fprintf(stderr, "mordel: %s\n", harmless(what).c_str()); }
-
-// ---- Policies -----------------------------------------------------------------------------------
-
-// FILE:LINE:COLUMN: as compilers write it, so that editors jump to the place.
-void print(const string &file, const diagnostics &found)
-{
-    for (const diagnostic &d : found.sorted())
-        std::fprintf(stderr, "%s:%u:%u: %s%s\n", harmless(file).c_str(), d.at.line, d.at.column,
-                     d.warning ? "warning: " : "", d.text.c_str());
-}
-
-struct loaded {
-    string text;
-    policy rules;
-    diagnostics found;
-};
-
-// The policy of o.file, its errors in `found`; none, after a message, when reading fails.
-std::optional<loaded> load(const options &o)
-{
-    string why;
-    std::optional<string> text = read_policy_file(o.file, why);
-    if (!text) {
-        complain(why);
-        return std::nullopt;
-    }
-    loaded l;
-    l.rules = read_policy(*text, o.kernel, l.found);
-    l.text = std::move(*text);
-    return l;
-}
-
-// The policy of o.file without errors; none, after its errors are shown. With o.interface, the
-// policy's other interfaces are left out.
-std::optional<loaded> load_good(const options &o)
-{
-    std::optional<loaded> l = load(o);
-    if (!l) return std::nullopt;
-    print(o.file, l->found);
-    if (l->found.failed()) return std::nullopt;
-    if (o.interface.empty()) return l;
-    std::erase_if(l->rules.interfaces,
-                  [&](const policy_interface &iface) { return iface.name != o.interface; });
-    if (!l->rules.interfaces.empty()) return l;
-    complain(harmless(o.file) + " has no interface " + tool::quoted(o.interface));
-    return std::nullopt;
-}
-
-// The library's texts of a policy; none, after a message, when the library refuses the policy.
-std::optional<rendering> texts_of(const policy &p)
-{
-    rendering texts = tool::render(p);
-    if (texts.refused.empty()) return texts;
-    complain("the library refused " + texts.refused);
-    return std::nullopt;
-}
-
-// By the locale's name alone: small routers have no locale data for setlocale to find.
-// The first variable that is set and not empty decides, as in setlocale.
-bool is_utf8_locale()
-{
-    for (const char *variable : {"LC_ALL", "LC_CTYPE", "LANG"}) {
-        const char *value = std::getenv(variable);
-        if (value == nullptr || *value == '\0') continue;
-        return ::strcasestr(value, "UTF-8") != nullptr || ::strcasestr(value, "utf8") != nullptr;
-    }
-    return false;
-}
-
-look look_of_stdout()
-{
-    // NO_COLOR: the custom is that any text but an empty one forbids colours.
-    const char *no_color = std::getenv("NO_COLOR");
-    look how;
-    how.colour = ::isatty(STDOUT_FILENO) == 1 && (no_color == nullptr || *no_color == '\0');
-    how.utf8 = is_utf8_locale();
-    return how;
-}
-
-// Whether all of a text got to standard output; errno says why not.
-bool wrote(const string &text)
-{
-    // The flush is checked too: on a full disk fwrite succeeds into the buffer and only it fails.
-    return std::fwrite(text.data(), 1, text.size(), stdout) == text.size() &&
-           std::fflush(stdout) == 0;
-}
-
-int write_out(const string &text, int status = done)
-{
-    if (wrote(text)) return status;
-    complain(string("cannot write: ") + std::strerror(errno));
-    return failed;
-}
-
-// replace: a file name may be no UTF-8, for which dump would throw otherwise.
-// The value ends here: its destructor allocates, and must not fail behind a written report.
-string dumped(json &&taken)
-{
-    const json value = std::move(taken);
-    return value.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
-}
-
-// ---- check, render, show ------------------------------------------------------------------------
-
-int check(const options &o)
-{
-    const std::optional<loaded> l = load(o);
-    if (!l) return refused;
-    const int status = l->found.failed() ? refused : done;
-    // As JSON all goes to standard output, and a bad policy still ends with status 2.
-    if (!o.json) {
-        print(o.file, l->found);
-        return status;
-    }
-    json out = {{"file", o.file}, {"ok", status == done}, {"diagnostics", json::array()}};
-    for (const diagnostic &d : l->found.sorted())
-        out["diagnostics"].push_back({{"severity", d.warning ? "warning" : "error"},
-                                      {"line", d.at.line},
-                                      {"column", d.at.column},
-                                      {"message", d.text}});
-    return write_out(dumped(std::move(out)), status);
-}
-
-int render(const options &o)
-{
-    const auto l = load_good(o);
-    if (!l) return refused;
-    const auto texts = texts_of(l->rules);
-    if (!texts) return failed;
-    string all;
-    for (const interface_texts &one : texts->interfaces)
-        all += o.stop ? one.stop : o.rules_only ? one.rules : one.start;
-    return write_out(all);
-}
-
-int show(const options &o)
-{
-    const auto l = load_good(o);
-    if (!l) return refused;
-    return write_out(o.json  ? show_json(l->rules)
-                     : o.dot ? show_dot(l->rules)
-                             : show_tree(l->rules, look_of_stdout()));
-}
-
-// ---- apply, stop --------------------------------------------------------------------------------
-
-// Complaints go to standard error also beside --json: a person behind a program sees them.
-int report(const std::vector<outcome> &all, const options &o)
-{
-    int status = done;
-    string text;
-    json out = {{"ok", true}, {"dry_run", o.apply.dry_run}, {"interfaces", json::array()}};
-    for (const outcome &r : all) {
-        if (r.failed) {
-            status = failed;
-            out["ok"] = false;
-        }
-        for (const string &what : complaints(r)) complain(what);
-        out["interfaces"].push_back(outcome_json(r));
-        // A failed interface has had its word on standard error.
-        if (!r.failed) text += outcome_text(r, o.apply.dry_run);
-    }
-    const string whole = o.json ? dumped(std::move(out)) : text;
-    if (status != done || o.apply.dry_run) return write_out(whole, status);
-    // A status of its own: a caller must not take what is in force for a failed apply.
-    if (wrote(whole)) return done;
-    complain(string("done, but cannot write the report: ") + std::strerror(errno));
-    return unreported;
-}
-
-// Takes the lock that serialises apply and stop; false, after a message, when another mordel keeps
-// it or the folder is not to be trusted.
-bool take_lock(unsigned wait, std::optional<file_lock> &lock)
-{
-    const state_folder state;
-    string error = state.make();
-    if (error.empty()) error = lock.emplace(state.path() + "/lock", wait).error();
-    if (!error.empty()) complain(error);
-    return error.empty();
-}
-
-int apply_or_stop(const options &o, bool stopping)
-{
-    const auto l = load_good(o);
-    if (!l) return refused;
-    if (::geteuid() != 0 && !o.apply.dry_run) {
-        complain("this takes root; --dry-run shows what would be done");
-        return failed;
-    }
-    const auto texts = texts_of(l->rules);
-    if (!texts) return failed;
-    // A dry run changes nothing and takes no lock: without root the lock file cannot be opened.
-    std::optional<file_lock> lock;
-    if (!o.apply.dry_run && !take_lock(o.apply.wait, lock)) return failed;
-    return report(stopping ? stop_policy(l->rules, {o.apply.dry_run, o.apply.wait})
-                           : apply_policy(l->rules, l->text, *texts, o.apply),
-                  o);
-}
-
-// ---- status -------------------------------------------------------------------------------------
-
-// The policy to compare an interface with: the given one, or else the one that was applied last.
-// Holds this interface alone, or none when neither policy has it.
-policy policy_of(const string &name, const std::optional<loaded> &given)
-{
-    policy p;
-    if (given) {
-        p = given->rules;
-    } else if (const auto text = state_folder().read(name).policy) {
-        diagnostics ignored;  // apply has shown its warnings
-        p = read_policy(*text, kernel_kind::vendor, ignored);
-    }
-    std::erase_if(p.interfaces, [&](const policy_interface &iface) { return iface.name != name; });
-    return p;
-}
-
-// None, after a message, when the kernel or the library gives no answer about the interface
-std::optional<interface_status> status_of(const string &name, const options &o,
-                                          const std::optional<loaded> &given)
-{
-    const policy p = policy_of(name, given);
-    const auto texts = texts_of(p);
-    if (!texts) return std::nullopt;
-    std::optional<wanted> w;
-    if (!p.interfaces.empty()) {
-        const string &script = texts->interfaces.front().start;
-        w.emplace(wanted{p.interfaces.front(), script, parse_start_script(script, name)});
-        if (!w->script.error.empty()) {
-            // A fault of ours: a form that the library writes and start_script.cpp does not know.
-            complain(name + ": its start script: " + w->script.error);
-            return std::nullopt;
-        }
-    }
-    string why;
-    auto s = look_at(name, w ? &*w : nullptr, {o.seconds, o.apply.wait}, why);
-    if (!s) complain(name + ": " + why);
-    return s;
-}
-
-int status(const options &o)
-{
-    std::optional<loaded> given;
-    if (!o.file.empty() && !(given = load_good(o))) return refused;
-    // The named interface, or those of the given policy, or all with a remembered policy
-    std::vector<string> names;
-    if (!o.interface.empty())
-        names.push_back(o.interface);
-    else if (given)
-        for (const policy_interface &iface : given->rules.interfaces) names.push_back(iface.name);
-    else
-        names = state_folder().interfaces();
-    if (names.empty()) {
-        complain("nothing was applied; name an interface, or a policy with --policy");
-        return failed;
-    }
-    // An interface that gives no answer fails the command but does not hide the others.
-    int result = done;
-    std::vector<interface_status> all;
-    for (const string &name : names) {
-        if (auto s = status_of(name, o, given))
-            all.push_back(std::move(*s));
-        else
-            result = failed;
-    }
-    string text;
-    for (const interface_status &s : all) text += status_text(s, look_of_stdout());
-    return write_out(o.json ? status_json(all) : text, result);
-}
 
 // ---- The command line ---------------------------------------------------------------------------
 
@@ -408,26 +99,87 @@ void add_show(CLI::App &app, options &o)
     c->add_flag("--json", o.json, "As JSON, for a program")->excludes(dot);
 }
 
+void add_dry_run(CLI::App *command, options &o)
+{
+    command->add_flag("--dry-run", o.apply.dry_run, "Show what would be done, and do nothing");
+}
+
+void add_transaction(CLI::App *c, options &o, CLI::Option *boot)
+{
+    c->add_flag("--keep-going", o.apply.keep_going,
+                "Each interface for itself: one that fails is taken back alone");
+    c->add_option("--wait-interface", o.apply.wait_interface,
+                  "Seconds to wait for interfaces that are not there yet (0)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0U, 3600U));
+    CLI::Option *prune =
+        c->add_flag("--prune", o.prune, "Take interfaces down that have gone from the policy");
+    c->add_option("--confirm", o.apply.confirm,
+                  "Take all back after so many seconds, unless mordel confirm comes before")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1U, 86400U))
+        ->excludes(prune)
+        ->excludes(boot);
+}
+
 void add_apply(CLI::App &app, options &o)
 {
-    CLI::App *c = add_command(app, o, "apply", "Bring a policy into the kernel (root)",
-                              "  mordel apply --dry-run home.toml\n  mordel apply home.toml\n");
+    CLI::App *c = app.add_subcommand("apply", "Bring a policy into the kernel (root)");
+    CLI::Option *file =
+        c->add_option("FILE", o.file, "The policy; - is standard input")->type_name("");
+    add_kernel(c, o);
     add_interface(c, o);
     add_json(c, o);
     add_wait(c, o);
-    c->add_flag("--dry-run", o.apply.dry_run, "Show what would be done, and do nothing");
+    add_dry_run(c, o);
+    CLI::Option *boot = c->add_flag("--boot", o.boot,
+                                    "Apply the saved policies, /etc/mordel/*.toml, each for itself")
+                            ->excludes(file);
+    add_transaction(c, o, boot);
+    c->add_flag("--save", o.save, "Keep the policy in /etc/mordel, for the next boot")
+        ->excludes(boot);
     c->add_flag("--script", o.apply.script, "Run the start script as it stands");
+    c->callback([&o] {
+        if (o.file.empty() && !o.boot) throw CLI::RequiredError("FILE, or --boot,");
+        if (o.save && (o.file == "-" || !safe_name(o.file.substr(o.file.rfind('/') + 1)) ||
+                       !o.file.ends_with(".toml")))
+            throw CLI::ValidationError("--save", "takes a file whose name is NAME.toml");
+    });
+    c->footer("Examples:\n  mordel apply --dry-run home.toml\n"
+              "  mordel apply --confirm 60 --save home.toml\n");
 }
 
 void add_stop(CLI::App &app, options &o)
 {
-    CLI::App *c =
-        add_command(app, o, "stop", "Put the interfaces of a policy back on their default (root)",
-                    "  mordel stop home.toml\n");
+    CLI::App *c = app.add_subcommand("stop", "Put interfaces back on their default (root)");
+    CLI::Option *words =
+        c->add_option("NAME", o.words, "Interfaces; or a policy file, for all of its interfaces")
+            ->type_name("...");
+    add_kernel(c, o);
     add_interface(c, o);
     add_json(c, o);
     add_wait(c, o);
-    c->add_flag("--dry-run", o.apply.dry_run, "Show what would be done, and do nothing");
+    add_dry_run(c, o);
+    c->add_flag("--all", o.all, "All that a policy was applied to")->excludes(words);
+    c->callback([&o] {
+        if (o.words.empty() && !o.all) throw CLI::RequiredError("NAME, FILE or --all");
+    });
+    c->footer("Examples:\n  mordel stop home.toml\n  mordel stop eth0 wlan0\n");
+}
+
+void add_recover(CLI::App &app, options &o)
+{
+    CLI::App *c = app.add_subcommand(
+        "recover", "Take back an apply that was broken off or waits to be confirmed (root)");
+    add_wait(c, o);
+    c->footer("Examples:\n  mordel recover\n");
+}
+
+void add_confirm(CLI::App &app, options &o)
+{
+    CLI::App *c = app.add_subcommand("confirm", "Keep what apply --confirm has applied (root)");
+    add_wait(c, o);
+    c->footer("Examples:\n  mordel confirm\n");
 }
 
 void add_status(CLI::App &app, options &o)
@@ -478,8 +230,10 @@ constexpr subcommand commands[] = {
     {"check", add_check, check},
     {"render", add_render, render},
     {"show", add_show, show},
-    {"apply", add_apply, [](const options &o) { return apply_or_stop(o, false); }},
-    {"stop", add_stop, [](const options &o) { return apply_or_stop(o, true); }},
+    {"apply", add_apply, apply},
+    {"confirm", add_confirm, confirm},
+    {"recover", add_recover, recover},
+    {"stop", add_stop, stop},
     {"status", add_status, status},
     {"watch", add_watch, [](const options &o) { return tool::watch(o.watch, look_of_stdout()); }},
 };
@@ -521,10 +275,11 @@ try {
     CLI::App app("Shapes a router's interfaces by a policy file.", "mordel");
     app.require_subcommand(1);
     app.set_version_flag("--version", "mordel " MORDEL_VERSION);
-    app.footer("Exit status: 0 done, 1 failed, 2 a bad policy or command line,\n"
-               "3 done, but the report could not be written.\n"
-               "mordel COMMAND --help tells of each command.");
-    // Only the asked command's options are declared: those of all seven take some time to set up.
+    app.footer(
+        "Exit status: 0 done, 1 failed, 2 a bad policy or command line, 3 done but the report"
+        " could not be\nwritten, 128 and the signal's number when a signal ended it.\n"
+        "mordel COMMAND --help tells of each command.");
+    // Only the asked command's options are declared: those of all take some time to set up.
     // Without a command (--help, --version) all are, for the list of commands.
     const subcommand *asked = argc > 1 ? find_command(argv[1]) : nullptr;
     if (asked == nullptr && argc > 1 && argv[1][0] != '-') {

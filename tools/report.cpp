@@ -20,6 +20,8 @@ using kind = object::kind;
 const char *word_for(const outcome &r)
 {
     if (r.failed) return "failed";
+    if (r.left_alone) return "left alone";
+    if (r.back != taken_back::untouched) return "taken back";
     switch (r.result) {
     case effect::none:
         return "unchanged";
@@ -31,6 +33,50 @@ const char *word_for(const outcome &r)
         return "stopped";
     }
     return "";
+}
+
+const char *word_for(taken_back how)
+{
+    switch (how) {
+    case taken_back::before:
+        return "before";
+    case taken_back::last_policy:
+        return "last policy";
+    case taken_back::default_qdisc:
+        return "default qdisc";
+    case taken_back::untouched:
+    case taken_back::failed:
+        break;
+    }
+    return "no";
+}
+
+// How an interface came back, a line each; none of one that was not touched
+std::vector<string> way_lines(const outcome &r)
+{
+    std::vector<string> all;
+    if (!r.why_not_before.empty() && r.back != taken_back::failed)
+        all.push_back("what it held before is not to be had: " + r.why_not_before);
+    switch (r.back) {
+    case taken_back::before:
+        all.emplace_back("brought back to what it held before");
+        break;
+    case taken_back::last_policy:
+        all.emplace_back("could not be brought back to what it held before: the policy applied"
+                         " last is in force again");
+        break;
+    case taken_back::default_qdisc:
+        all.emplace_back("back on its default qdisc, without rules");
+        break;
+    case taken_back::failed:
+        all.push_back("could not be taken back whole: " + r.why_not_before);
+        break;
+    case taken_back::untouched:
+        // Of a refusal that came of a trial: nobody has to fear for what runs.
+        if (r.failed && !r.steps.empty()) all.emplace_back("nothing was changed");
+        break;
+    }
+    return all;
 }
 
 struct counts {
@@ -85,6 +131,9 @@ json object_json(const object &o)
 
 string outcome_text(const outcome &r, bool dry_run)
 {
+    // What was taken back has its lines among the complaints.
+    if (r.back != taken_back::untouched) return "";
+    if (r.left_alone) return r.name + ": left alone\n";
     // "unchanged" is the word for programs; a person is told why nothing happened.
     // harmless: names, and rules as the table lists them, may hold escape sequences.
     string out = harmless(r.name) + ": ";
@@ -103,13 +152,13 @@ string outcome_text(const outcome &r, bool dry_run)
 std::vector<string> complaints(const outcome &r)
 {
     std::vector<string> all;
-    if (r.failed) all.push_back(r.name + ": " + r.error);
+    if (r.failed && !r.error.empty()) all.push_back(r.name + ": " + r.error);
     // The start script is the one text with line numbers that a user can see: mordel render.
     if (!r.failed_command.empty())
         all.push_back(format("%s: line %u of its start script: %s", r.name.c_str(), r.failed_line,
                              r.failed_command.c_str()));
     for (const string &note : r.notes) all.push_back(r.name + ": " + note);
-    if (r.restored) all.push_back(r.name + ": back on its default qdisc, without rules");
+    for (const string &line : way_lines(r)) all.push_back(r.name + ": " + line);
     return all;
 }
 
@@ -127,11 +176,12 @@ json outcome_json(const outcome &r)
                 {"steps", steps_json(r.steps)},
                 {"notes", r.notes}};
     // The fields of a failure are absent from a success, not empty.
-    if (!r.failed) return out;
+    if (!r.failed && r.back == taken_back::untouched) return out;
     out["error"] = r.error;
     out["failed_command"] = r.failed_command;
     out["failed_line"] = r.failed_line;
-    out["restored"] = r.restored;
+    out["restored"] = r.back != taken_back::untouched && r.back != taken_back::failed;
+    out["taken_back"] = word_for(r.back);
     return out;
 }
 

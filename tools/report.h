@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "plan.h"
+#include "take_back.h"
 
 namespace tool {
 
@@ -19,12 +20,15 @@ struct outcome {
     std::string error;               // the reason of a failure
     std::string failed_command;      // "" when none was refused, or which is unknown
     unsigned failed_line = 0;        // of the start script
-    bool restored = false;           // back on the default qdisc, without a chain
+    bool missing = false;            // there is no such interface
+    bool left_alone = false;         // another interface failed before this one's turn
+    taken_back back = taken_back::untouched;
+    std::string why_not_before;  // what stood in the way of what it held before
 };
 
 // "eth0: built, 30 tc and 12 iptables commands", or a dry run's commands
 std::string outcome_text(const outcome &r, bool dry_run);
-// The lines for standard error: error, refused command, notes, whether the interface was restored
+// The lines for standard error: error, refused command, notes, how it was taken back
 std::vector<std::string> complaints(const outcome &r);
 nlohmann::ordered_json outcome_json(const outcome &r);
 

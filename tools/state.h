@@ -25,6 +25,7 @@ public:
     explicit state_folder(std::string path = "/var/run/mordel") : path_(std::move(path)) {}
 
     const std::string &path() const { return path_; }
+    std::string lock_path() const { return path_ + "/lock"; }
 
     // Makes the folder if it is missing. "", or why there is no folder that we may trust.
     std::string make() const;

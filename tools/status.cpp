@@ -97,7 +97,7 @@ void compare_with(const wanted &w, const live_tree &live, const chains_seen &cha
     compare_chains(w, chains, before, s);
 }
 
-std::optional<interface_status> look_at(const string &ifname, const wanted *w,
+std::optional<interface_status> look_at(const string &ifname, const wanted *w, const memory &before,
                                         const status_options &o, string &why)
 {
     const auto first = read_kernel(ifname, why);
@@ -117,8 +117,7 @@ std::optional<interface_status> look_at(const string &ifname, const wanted *w,
     if (w != nullptr)
         // After both looks, for trying the rules takes processes: their time would lengthen the
         // interval.
-        compare_with(*w, *second, look_at_chains(iptables(ifname, o.wait), *w),
-                     state_folder().read(ifname), s);
+        compare_with(*w, *second, look_at_chains(iptables(ifname, o.wait), *w), before, s);
     s.classes = class_rows(*first, *second, passed,
                            w == nullptr ? std::vector<tree_class>() : tree_of(w->iface));
     return s;
@@ -148,7 +147,7 @@ string status_text(const interface_status &s, const look &how)
     return out;
 }
 
-string status_json(const std::vector<interface_status> &all)
+string status_json(const std::vector<interface_status> &all, unsigned to_confirm)
 {
     nlohmann::ordered_json out = {{"interfaces", nlohmann::ordered_json::array()}};
     for (const interface_status &s : all) {
@@ -169,6 +168,7 @@ string status_json(const std::vector<interface_status> &all)
                                       {"backlog_packets", c.stats.waiting}});
         out["interfaces"].push_back(one);
     }
+    if (to_confirm != 0) out["confirm_seconds_left"] = to_confirm;
     // replace: an interface's name may be no UTF-8, and dump would throw.
     return out.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }

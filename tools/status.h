@@ -34,10 +34,12 @@ struct status_options {
     unsigned wait = 10;  // for the lock of iptables
 };
 
-// Looks at an interface twice, o.seconds apart. w: null when no policy is known. None, and the
+// Looks at an interface twice, o.seconds apart. w: null when no policy is known. before: what was
+// applied last. None, and the
 // reason in `why`, when the interface is missing or the kernel does not answer.
 std::optional<interface_status> look_at(const std::string &ifname, const wanted *w,
-                                        const status_options &o, std::string &why);
+                                        const memory &before, const status_options &o,
+                                        std::string &why);
 
 // The class rows of two looks. seconds: the time between the looks; 0 gives no rates.
 std::vector<class_status> class_rows(const live_tree &first, const live_tree &second,
@@ -48,6 +50,7 @@ void compare_with(const wanted &w, const live_tree &live, const chains_seen &cha
                   const memory &before, interface_status &s);
 
 std::string status_text(const interface_status &s, const look &how);
-std::string status_json(const std::vector<interface_status> &all);
+// to_confirm: the seconds that an apply still has to be confirmed; 0: none waits
+std::string status_json(const std::vector<interface_status> &all, unsigned to_confirm = 0);
 
 }  // namespace tool

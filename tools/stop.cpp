@@ -41,7 +41,7 @@ outcome run_stop(outcome out, const iptables &tables, const chains_seen &chains)
     return out;
 }
 
-outcome stop_interface(const string &name, const stop_options &o)
+outcome stop_interface(const string &name, const stop_options &o, const state_folder &state)
 {
     outcome out;
     out.name = name;
@@ -58,7 +58,6 @@ outcome stop_interface(const string &name, const stop_options &o)
     out.result = p.result;
     out.steps = p.steps;
     out.notes = p.notes;
-    const state_folder state;
     // No interface, no chains, nothing remembered: most likely a name that was mistyped.
     if (gone && p.steps.empty() && !state.read(name).script) return failed(out, no_tree);
     if (o.dry_run) return out;
@@ -69,29 +68,13 @@ outcome stop_interface(const string &name, const stop_options &o)
 
 }  // namespace
 
-std::vector<outcome> stop_policy(const policy &p, const stop_options &o)
+std::vector<outcome> stop_interfaces(const std::vector<string> &names, const stop_options &o,
+                                     const state_folder &state)
 {
     const uninterrupted section;
     std::vector<outcome> all;
-    for (const policy_interface &iface : p.interfaces) all.push_back(stop_interface(iface.name, o));
+    for (const string &name : names) all.push_back(stop_interface(name, o, state));
     return all;
-}
-
-bool take_back(const string &ifname, const iptables &tables, string &why)
-{
-    const auto live = read_kernel(ifname, why);
-    bool clean = live.has_value();
-    if (live && live->root() != nullptr) {
-        const run_result tc = run({"tc", "qdisc", "del", "dev", ifname, "root"});
-        why = "tc: " + tc.problem;
-        // The kernel decides, not tc's exit status: a tree that is gone is gone.
-        const auto after = read_kernel(ifname, why);
-        clean = after && after->root() == nullptr;
-    }
-    // Without iptables no chain can have been made, and so none has to be removed.
-    if (!is_on_path("iptables")) return clean;
-    const auto chains = tables.list(why);
-    return chains && tables.remove(*chains, why) && clean;
 }
 
 }  // namespace tool

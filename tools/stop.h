@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: MIT
-// Takes a policy away from its interfaces.
+// Takes the shaping away from interfaces.
 #pragma once
 
 #include <string>
 #include <vector>
 
-#include "iptables.h"
-#include "policy.h"
 #include "report.h"
+#include "state.h"
 
 namespace tool {
 
@@ -16,12 +15,9 @@ struct stop_options {
     unsigned wait = 10;    // seconds for each lock
 };
 
-// Stops every interface of the policy, also after one that failed. The caller holds the lock
-// (lock.h), except for a dry run.
-std::vector<outcome> stop_policy(const policy &p, const stop_options &o);
-
-// Puts an interface back on its default qdisc and deletes its chains, whoever made them. False, and
-// the reason in `why`, when a root qdisc or a chain stays.
-bool take_back(const std::string &ifname, const iptables &tables, std::string &why);
+// Puts each interface back on its default qdisc and deletes its chains, whoever made them; also
+// those after one that failed. The caller holds the lock (lock.h), except for a dry run.
+std::vector<outcome> stop_interfaces(const std::vector<std::string> &names, const stop_options &o,
+                                     const state_folder &state);
 
 }  // namespace tool

@@ -50,7 +50,7 @@ TEST(Image, OfATreeIsItsCommandsParentsFirst)
               "class 1:13: class add dev q0 parent 1:0x1 classid 1:0x13 htb rate 1000000bit ceil "
               "1000000bit burst 1600b cburst 1600b prio 0 quantum 0\n"
               "leaf of 1:10: qdisc add dev q0 parent 1:0x10 handle 0x100: pfifo limit 50\n"
-              "leaf of 1:11: qdisc add dev q0 parent 1:0x11 handle 0x110: sfq limit 127 quantum "
+              "leaf of 1:11: qdisc add dev q0 parent 1:0x11 handle 0x110: sfq quantum "
               "1514b perturb 10\n"
               "leaf of 1:12: qdisc add dev q0 parent 1:0x12 handle 0x120: red limit 120000b min "
               "15000b max 45000b avpkt 1000b burst 22\n"

@@ -76,7 +76,7 @@ TEST(Report, OfAFailure)
     r.error = "tc: no";
     r.failed_command = "tc class add";
     r.failed_line = 7;
-    r.restored = true;
+    r.back = tool::taken_back::default_qdisc;
     EXPECT_EQ((lines{"q0: tc: no", "q0: line 7 of its start script: tc class add", "q0: a note",
                      "q0: another", "q0: back on its default qdisc, without rules"}),
               complaints(r));
@@ -88,8 +88,61 @@ TEST(Report, OfAFailure)
               R"({"object":{"kind":"rule","chain":"QOS_q0"},)"
               R"("command":"iptables-restore: -A QOS_q0 -j MARK ","line":12,"why":"new",)"
               R"("destructive":false}],"notes":["a note","another"],"error":"tc: no",)"
-              R"("failed_command":"tc class add","failed_line":7,"restored":true})",
+              R"("failed_command":"tc class add","failed_line":7,"restored":true,"taken_back":"default qdisc"})",
               outcome_json(r).dump());
+}
+
+TEST(Report, SaysHowAnInterfaceCameBack)
+{
+    const struct {
+        tool::taken_back how;
+        const char *why;
+        lines said;
+        const char *word;
+        bool restored;
+    } cases[] = {
+        {tool::taken_back::untouched, "", {"q0: nothing was changed"}, "no", false},
+        {tool::taken_back::before, "", {"q0: brought back to what it held before"}, "before", true},
+        {tool::taken_back::last_policy,
+         "x",
+         {"q0: what it held before is not to be had: x",
+          "q0: could not be brought back to what it held before: the policy applied last is in"
+          " force again"},
+         "last policy",
+         true},
+        {tool::taken_back::default_qdisc,
+         "",
+         {"q0: back on its default qdisc, without rules"},
+         "default qdisc",
+         true},
+        {tool::taken_back::failed, "x", {"q0: could not be taken back whole: x"}, "no", false},
+    };
+    for (const auto &c : cases) {
+        outcome r = two_steps(effect::changed);
+        r.failed = true;
+        r.error = "no";
+        r.back = c.how;
+        r.why_not_before = c.why;
+        lines said = {"q0: no"};
+        said.insert(said.end(), c.said.begin(), c.said.end());
+        EXPECT_EQ(said, complaints(r));
+        EXPECT_EQ(c.word, outcome_json(r)["taken_back"]);
+        EXPECT_EQ(c.restored, outcome_json(r)["restored"]);
+    }
+}
+
+TEST(Report, TellsTheInterfacesOfABrokenTransactionApart)
+{
+    outcome r = two_steps(effect::changed);
+    r.back = tool::taken_back::before;
+    EXPECT_EQ("", outcome_text(r, false));
+    EXPECT_EQ((lines{"q0: brought back to what it held before"}), complaints(r));
+    EXPECT_EQ("taken back", outcome_json(r)["result"]);
+    r = {};
+    r.name = "q0";
+    r.left_alone = true;
+    EXPECT_EQ("q0: left alone\n", outcome_text(r, false));
+    EXPECT_EQ("left alone", outcome_json(r)["result"]);
 }
 
 TEST(Report, AsJson)
