@@ -80,6 +80,23 @@ constexpr std::size_t seal_size = 21;  // "sum ", 16 digits and the line's end
 
 }  // namespace
 
+string not_our_folder(const string &path)
+{
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) != 0) return cannot("read", path);
+    // lstat: a link in the folder's place, or a folder of another user, would let that user choose
+    // the files that root reads and replaces. Root's folders are read by everybody.
+    if (!S_ISDIR(st.st_mode) || (st.st_uid != ::geteuid() && st.st_uid != 0))
+        return path + " is no folder of ours";
+    return (st.st_mode & (S_IWGRP | S_IWOTH)) != 0 ? path + " may be written to by others" : "";
+}
+
+string make_own_folder(const string &path)
+{
+    if (::mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return cannot("make", path);
+    return not_our_folder(path);
+}
+
 int open_own(const string &path, int flags, string &why)
 {
     why.clear();

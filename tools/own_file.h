@@ -10,6 +10,12 @@ namespace tool {
 
 // What a function below says of its failure is a message that names the path.
 
+// "", or why a folder is not ours alone to write: it is none, another user's, or open to others.
+std::string not_our_folder(const std::string &path);
+
+// Makes a folder if it is missing, then as above.
+std::string make_own_folder(const std::string &path);
+
 // Opens a plain file that is ours alone; -1 and a reason in `why` otherwise. `why` is "" when there
 // is no such file. A program that is started later inherits the descriptor, unless `flags` have
 // O_CLOEXEC.

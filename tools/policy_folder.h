@@ -20,8 +20,8 @@ public:
 
     const std::string &path() const { return path_; }
 
-    // The paths of its *.toml, sorted; none when there is no folder. why: "", or why a file or the
-    // whole folder is left out. A link, a pipe and what others may write to are left out.
+    // The paths of its *.toml, sorted; none when there is no folder. why: "", or why files or the
+    // whole folder are left out. A link, a pipe and what others may write to are left out.
     std::vector<std::string> files(std::string &why) const;
 
     // Puts a policy there under a name as "home.toml", in the place of an older one; makes the

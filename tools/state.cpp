@@ -95,18 +95,7 @@ memory read_memory(const string &path)
 
 // ---- The folder ---------------------------------------------------------------------------------
 
-string state_folder::make() const
-{
-    if (::mkdir(path_.c_str(), 0755) != 0 && errno != EEXIST)
-        return format("cannot make %s: %s", path_.c_str(), std::strerror(errno));
-    // lstat: a link in the folder's place, or a folder of another user, would let that user choose
-    // the files that root reads and replaces.
-    struct stat st {};
-    if (::lstat(path_.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != ::geteuid())
-        return path_ + " is no folder of ours";
-    if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) return path_ + " may be written to by others";
-    return "";
-}
+string state_folder::make() const { return make_own_folder(path_); }
 
 string state_folder::file(const string &ifname) const
 {
@@ -172,6 +161,15 @@ bool state_folder::take_staged(const string &ifname) const
 void state_folder::drop_staged(const string &ifname) const
 {
     if (safe_name(ifname)) (void)remove_own(staged(ifname));
+}
+
+void state_folder::drop_all_staged() const
+{
+    std::error_code error;
+    std::vector<string> found;
+    for (const auto &entry : std::filesystem::directory_iterator(path_, error))
+        if (entry.path().extension() == ".new") found.push_back(entry.path().string());
+    for (const string &path : found) (void)remove_own(path);
 }
 
 memory state_folder::read_staged(const string &ifname) const

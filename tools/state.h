@@ -43,6 +43,7 @@ public:
     // May be repeated after a crash: true as well when the staged memory has been taken.
     bool take_staged(const std::string &ifname) const;
     void drop_staged(const std::string &ifname) const;
+    void drop_all_staged() const;  // also of what else was broken off while it was written
     memory read_staged(const std::string &ifname) const;
 
 private:

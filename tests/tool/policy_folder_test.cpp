@@ -120,13 +120,13 @@ TEST_F(PolicyFolder, ALinkOrFileInTheFoldersPlaceIsRefused)
     fs::create_directory_symlink(root_ + "/elsewhere", path_);
     string why;
     EXPECT_TRUE(policy_folder(path_).files(why).empty());
-    EXPECT_EQ(why, path_ + " is no folder");
+    EXPECT_EQ(why, path_ + " is no folder of ours");
     EXPECT_EQ(policy_folder(path_).save("wan.toml", "x"), why);
     EXPECT_TRUE(fs::is_empty(root_ + "/elsewhere"));
     fs::remove(path_);
     std::ofstream(path_) << "a file";
     EXPECT_TRUE(policy_folder(path_).files(why).empty());
-    EXPECT_EQ(why, path_ + " is no folder");
+    EXPECT_EQ(why, path_ + " is no folder of ours");
 }
 
 TEST_F(PolicyFolder, WhatIsNoFileOfOursIsLeftOut)
@@ -152,27 +152,30 @@ TEST_F(PolicyFolder, WhatIsNoFileOfOursIsLeftOut)
     EXPECT_EQ(why, "");
 }
 
-TEST_F(PolicyFolder, PlantedLinksAndPipesAreReplacedNotOpened)
+TEST_F(PolicyFolder, PlantedLinksAndPipesAreNotOpened)
 {
     put("victim", "whole");
-    for (const char *name : {"wan.toml", "wan.toml.new"}) {
-        fs::create_symlink("victim", path_ + "/" + name);
-        EXPECT_EQ(policy_folder(path_).save("wan.toml", "mine"), "");
-        EXPECT_EQ(contents("victim"), "whole");
-        EXPECT_EQ(contents("wan.toml"), "mine");
-        EXPECT_FALSE(fs::is_symlink(path_ + "/wan.toml"));
-        fs::remove(path_ + "/wan.toml");
-        ASSERT_EQ(::mkfifo((path_ + "/" + name).c_str(), 0600), 0);
-        EXPECT_EQ(policy_folder(path_).save("wan.toml", "mine"), "");
-        EXPECT_EQ(contents("wan.toml"), "mine");
-        EXPECT_TRUE(fs::is_regular_file(path_ + "/wan.toml"));
-        fs::remove(path_ + "/wan.toml");
-    }
-    // A folder stays, with a message.
-    fs::create_directory(path_ + "/wan.toml");
-    EXPECT_EQ(policy_folder(path_).save("wan.toml", "x"),
-              "cannot write " + path_ + "/wan.toml: Is a directory");
-    EXPECT_EQ(names().size(), 2U);
+    const string fresh = path_ + "/wan.toml.new";
+    fs::create_symlink("victim", fresh);
+    EXPECT_EQ(policy_folder(path_).save("wan.toml", "mine"), "");
+    ASSERT_EQ(::mkfifo(fresh.c_str(), 0600), 0);
+    EXPECT_EQ(policy_folder(path_).save("wan.toml", "mine"), "");
+    EXPECT_EQ(contents("wan.toml"), "mine");
+    EXPECT_EQ(names(), (std::vector<string>{"victim", "wan.toml"}));
+    // In the policy's own place it may be somebody's wish: it stays, with a message.
+    const string place = path_ + "/wan.toml";
+    const string why = place + " is no plain file of ours";
+    fs::remove(place);
+    fs::create_symlink("victim", place);
+    EXPECT_EQ(policy_folder(path_).save("wan.toml", "mine"), why);
+    EXPECT_TRUE(fs::is_symlink(place));
+    fs::remove(place);
+    ASSERT_EQ(::mkfifo(place.c_str(), 0600), 0);
+    EXPECT_EQ(policy_folder(path_).save("wan.toml", "mine"), why);
+    fs::remove(place);
+    fs::create_directory(place);
+    EXPECT_EQ(policy_folder(path_).save("wan.toml", "mine"), why);
+    EXPECT_EQ(contents("victim"), "whole");
 }
 
 TEST_F(PolicyFolder, AFullDiskLeavesTheOldFile)
@@ -186,7 +189,7 @@ TEST_F(PolicyFolder, AFullDiskLeavesTheOldFile)
         ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &little), 0);
         const string error = policy_folder(path_).save("wan.toml", "new!");
         ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
-        EXPECT_EQ(error, "cannot write " + path_ + "/wan.toml: File too large");
+        EXPECT_EQ(error, "cannot write " + path_ + "/wan.toml.new: File too large");
         EXPECT_EQ(contents("wan.toml"), "old");
         EXPECT_EQ(names(), std::vector<string>{"wan.toml"});
     }
