@@ -13,11 +13,13 @@
 #include <csignal>
 #include <cstring>
 #include <functional>
+#include <new>
 #include <thread>
 
 #include "interruption.h"
 #include "kernel.h"
 #include "memory_reserve.h"
+#include "policy_folder.h"
 #include "recover.h"
 #include "render.h"
 #include "script_run.h"
@@ -64,7 +66,7 @@ string rules_missing(const prepared &p)
     string why;
     const auto present = p.tables.list(why);
     if (!present) return why;
-    const std::size_t wanted_lines = 2 + p.w.script.rules.size();  // the two chains
+    const std::size_t wanted_lines = 2 + p.w->script.rules.size();  // the two chains
     if (present->size() == wanted_lines) return "";
     return format("%zu of %zu rules, jumps and chains are in the mangle table", present->size(),
                   wanted_lines);
@@ -73,7 +75,7 @@ string rules_missing(const prepared &p)
 std::optional<step_failure> set_queue(const prepared &p)
 {
     if (commands_of(p.out.steps, program::ifconfig).empty() ||
-        set_queue_len(p.name(), p.w.iface.param.pfifo_fast.queue_len))
+        set_queue_len(p.name(), p.w->iface.param.pfifo_fast.queue_len))
         return std::nullopt;
     step_failure f;
     f.error = format("cannot set the queue length: %s", std::strerror(errno));
@@ -86,16 +88,21 @@ std::optional<step_failure> run_commands(prepared &p, const std::function<bool()
     auto failure = run_tc(p.out.steps, go_on, done);
     p.entry.undo = undo_of(p.out.steps, done);
     if (!failure) failure = load_rules(p.tables, p.out.steps);
-    return failure ? failure : set_queue(p);
+    if (!failure) return set_queue(p);
+    // Where the guess was wrong that there are no chains, they are not to be taken for ours.
+    string why;
+    if (p.chains.how == chains_seen::looked::guessed)
+        if (const auto present = p.tables.list(why)) p.entry.before.rules = *present;
+    return failure;
 }
 
-std::optional<step_failure> run_script(const prepared &p, const policy &whole,
+std::optional<step_failure> run_script(prepared &p, const policy &whole,
                                        const std::function<bool()> &go_on)
 {
     if (!write_start_script(whole, p.name()))
         return step_failure{{}, "", format("cannot write %s", start_script_path), "", 0};
-    bool begun = false;
-    const auto refused = run_start_script(start_script_path, p.w.text, go_on, begun);
+    p.begun = false;  // a script that did not get to the disk whole has changed nothing
+    const auto refused = run_start_script(start_script_path, p.w->text, go_on, p.begun);
     if (!refused) {
         const string missing = rules_missing(p);
         return missing.empty() ? std::nullopt : std::optional(step_failure{{}, "", missing, "", 0});
@@ -103,14 +110,25 @@ std::optional<step_failure> run_script(const prepared &p, const policy &whole,
     return step_failure{{}, "", refused->error, refused->command, refused->line};
 }
 
+// "" when nothing of a policy is left on an interface that was taken down.
+string left_of(const prepared &p)
+{
+    string why;
+    const auto live = read_kernel(p.name(), why);
+    if (live && live->root() != nullptr) return "it still has a root qdisc";
+    const auto rules = p.tables.list(why);
+    if (!rules) return why;
+    return rules->empty() ? "" : "still in the mangle table: " + rules->front();
+}
+
 // Reads the kernel again and compares. A number that the kernel has cut to its own limits only adds
 // a note.
 bool verified(prepared &p)
 {
-    string why;
-    const auto live = read_kernel(p.name(), why);
+    string why = p.w ? "" : left_of(p);
+    const auto live = p.w ? read_kernel(p.name(), why) : std::nullopt;
     if (live) {
-        const verification v = verify(p.w, *live);
+        const verification v = verify(*p.w, *live);
         p.out.notes.insert(p.out.notes.end(), v.notes.begin(), v.notes.end());
         why = v.error;
     }
@@ -146,6 +164,8 @@ public:
             else
                 take_all_back();
         }
+        // The report is printed whatever comes.
+        stop_->over();
         return result();
     }
 
@@ -162,7 +182,17 @@ private:
                            [&](const prepared &p) { return p.out.failed && !is_excused(p); });
     }
     bool is_excused(const prepared &p) const { return p.out.missing && o_.missing_is_fine; }
-    bool is_good() const { return cut_short().empty() && (o_.keep_going || !any_failed()); }
+    // An interface that nobody could take back must not be forgotten: all is taken back then, and
+    // the journal stays.
+    bool any_lost() const
+    {
+        return std::any_of(parts_.begin(), parts_.end(),
+                           [](const prepared &p) { return p.out.back == taken_back::failed; });
+    }
+    bool is_good() const
+    {
+        return cut_short().empty() && !any_lost() && (o_.keep_going || !any_failed());
+    }
 
     bool may_begin()
     {
@@ -184,12 +214,13 @@ private:
     void prepare_all()
     {
         if (!o_.dry_run) wait_for_interfaces();
-        parts_.reserve(policy_.interfaces.size());
+        parts_.reserve(policy_.interfaces.size() + o_.prune.size());
         for (std::size_t i = 0; i < policy_.interfaces.size(); ++i) {
             if (!o_.dry_run && !cut_short().empty()) return;
             parts_.push_back(
                 prepare(policy_.interfaces[i], texts_.interfaces[i].start, o_, state_));
         }
+        for (const string &name : o_.prune) parts_.push_back(prepare_stop(name, o_, state_));
     }
 
     journal journal_of(enum journal::phase what) const
@@ -198,6 +229,7 @@ private:
         j.what = what;
         j.boot = this_boot();
         j.saved_as = o_.saved_as;
+        if (!j.saved_as.empty()) j.policy = text_;
         for (const prepared &p : parts_)
             if (has_work(p)) j.entries.push_back(p.entry);
         if (what == journal::phase::committed)  // nothing is taken back any more
@@ -226,7 +258,12 @@ private:
         const auto go_on = [this] { return cut_short().empty(); };
         stop_->left(p.name() + ": all that was done is to be taken back");
         const bool by_script = !commands_of(p.out.steps, program::start_script).empty();
-        const auto failure = by_script ? run_script(p, policy_, go_on) : run_commands(p, go_on);
+        std::optional<step_failure> failure;
+        try {
+            failure = by_script ? run_script(p, policy_, go_on) : run_commands(p, go_on);
+        } catch (const std::bad_alloc &) {
+            failure = step_failure{{}, "", "out of memory", "", 0};
+        }
         if (!failure && cut_short().empty()) return verified(p);
         // A step may have failed of the interruption: then that is the reason to tell.
         const string why = cut_short();
@@ -268,47 +305,63 @@ private:
 
     void keep(bool change)
     {
+        std::vector<string> unstaged;
         for (prepared &p : parts_) {
             if (p.out.failed) continue;
-            stage(p);
+            if (!stage(p)) unstaged.push_back(p.name());
             // Of an interface that needed nothing there is nothing to take back.
             if (!has_work(p)) (void)state_.take_staged(p.name());
         }
-        if (!change) return;
+        if (!change) return keep_unchanged();
         journal j =
             journal_of(o_.confirm != 0 ? journal::phase::unconfirmed : journal::phase::committed);
         j.until = o_.confirm != 0 ? boot_seconds() + o_.confirm : 0;
-        error_ = journal_.write(j);
+        // A later confirmation could not tell a memory that was not written from one that stays.
+        if (o_.confirm != 0 && !unstaged.empty()) error_ = cannot_remember();
+        if (error_.empty()) error_ = journal_.write(j);
         if (error_.empty() && o_.confirm != 0) error_ = start_timer(state_, j.until);
         if (!error_.empty()) return take_all_back();
         confirm_ = o_.confirm;
         if (confirm_ == 0) note_error(commit(j, state_));
+        // What was applied before is not what runs.
+        for (const string &name : unstaged) state_.forget(name);
+    }
+
+    void keep_unchanged()
+    {
+        if (!o_.saved_as.empty()) note_error(policy_folder().save(o_.saved_as, text_));
+    }
+
+    string cannot_remember() const
+    {
+        return format("cannot write to %s: status will not know the policy", state_.path().c_str());
     }
 
     // A memory that says what is remembered already is not written anew: flash wears out.
-    void stage(prepared &p)
+    bool stage(prepared &p)
     {
-        const memory fresh{text_, p.w.text, rules_to_remember(p),
-                           o_.source.empty() ? std::nullopt : std::optional(o_.source)};
-        if (fresh == p.before || state_.stage(p.name(), fresh)) return;
+        memory fresh;  // of an interface that was taken down nothing is remembered
+        if (p.w)
+            fresh = {text_, p.w->text, rules_to_remember(p),
+                     o_.source.empty() ? std::nullopt : std::optional(o_.source)};
+        if (fresh == p.before || state_.stage(p.name(), fresh)) return true;
         // Only a note: the policy is in force, whether it is remembered or not.
-        p.out.notes.push_back(
-            format("cannot write to %s: status will not know the policy", state_.path().c_str()));
-        state_.forget(p.name());
+        p.out.notes.push_back(cannot_remember());
+        return false;
     }
 
-    // In the policy's order; an interruption may have come before the last was looked at.
+    // In the policy's order, then those that are taken down; an interruption may have come before
+    // the last was looked at.
     applied result()
     {
         applied all;
-        for (std::size_t i = 0; i < policy_.interfaces.size(); ++i) {
-            outcome out;
-            out.name = policy_.interfaces[i].name;
-            const bool known = i < parts_.size();
-            if (known) out = parts_[i].out;
-            const bool begun = known && parts_[i].begun;
+        for (const prepared &p : parts_) all.interfaces.push_back(p.out);
+        for (std::size_t i = parts_.size(); i < policy_.interfaces.size(); ++i)
+            all.interfaces.emplace_back().name = policy_.interfaces[i].name;
+        for (std::size_t i = 0; i < all.interfaces.size(); ++i) {
+            const bool begun = i < parts_.size() && parts_[i].begun;
+            outcome &out = all.interfaces[i];
             out.left_alone = !o_.dry_run && !good_ && !begun && !out.failed;
-            all.interfaces.push_back(out);
         }
         all.error = error_;
         all.signal = stop_ && !good_ ? stop_->signal() : 0;

@@ -13,11 +13,13 @@
 
 #include "apply.h"
 #include "commands.h"
+#include "interruption.h"
 #include "lock.h"
 #include "output.h"
 #include "policy_file.h"
 #include "policy_folder.h"
 #include "policy_read.h"
+#include "process.h"
 #include "recover.h"
 #include "stop.h"
 #include "text.h"
@@ -64,8 +66,16 @@ bool finish_earlier(const state_folder &state, unsigned wait)
     return false;
 }
 
+json report_json(bool dry_run)
+{
+    return {{"ok", true}, {"dry_run", dry_run}, {"interfaces", json::array()}};
+}
+
 // What the user is told of one or several files' applies
 struct account {
+    explicit account(bool dry_run) : out(report_json(dry_run)) {}
+    account(const account &) = delete;
+
     string text;
     json out;
     int status = done;
@@ -90,12 +100,7 @@ int reported(const options &o, account &a)
     const bool is_work = a.status == done && !o.apply.dry_run;
     if (write_out(whole, is_work ? "done, but cannot write the report" : "cannot write"))
         return a.status;
-    return is_work ? unreported : failed;
-}
-
-json report_json(bool dry_run)
-{
-    return {{"ok", true}, {"dry_run", dry_run}, {"interfaces", json::array()}};
+    return is_work ? unreported : a.status == done ? failed : a.status;
 }
 
 // ---- apply --------------------------------------------------------------------------------------
@@ -112,35 +117,41 @@ bool has(const std::vector<string> &names, const string &name)
     return std::find(names.begin(), names.end(), name) != names.end();
 }
 
+// The paths that say of an interface that it came from this file: a saved one has two.
+std::vector<string> sources_of(const options &o, const apply_options &how)
+{
+    std::vector<string> all;
+    if (!how.source.empty()) all.push_back(how.source);
+    if (o.save) all.push_back(absolute(o.file));
+    return all;
+}
+
 // The interfaces that this file was applied to and that it does not name any more
-std::vector<string> left_over(const loaded &l, const string &source, const state_folder &state)
+std::vector<string> left_over(const loaded &l, const std::vector<string> &sources,
+                              const state_folder &state)
 {
     std::vector<string> names;
-    if (source.empty()) return names;
     for (const string &name : state.interfaces())
-        if (!has(l.names, name) && state.read(name).source == source) names.push_back(name);
+        if (!has(l.names, name) && has(sources, state.read(name).source.value_or("")))
+            names.push_back(name);
     return names;
 }
 
-void prune(const std::vector<string> &names, const options &o, const state_folder &state,
-           account &a)
+void name_left_over(const std::vector<string> &names, account &a)
 {
-    if (!o.prune) {
-        for (const string &name : names) {
-            complain(name + ": no longer in the policy, still shaped; --prune takes it down");
-            a.out["no_longer_in_policy"].push_back(name);
-        }
-        return;
+    for (const string &name : names) {
+        complain(name + ": no longer in the policy, still shaped; --prune takes it down");
+        a.out["no_longer_in_policy"].push_back(name);
     }
-    const auto stopped = stop_interfaces(names, {o.apply.dry_run, o.apply.wait}, state);
-    report(stopped, o.apply.dry_run, a.text, a.out);
-    for (const outcome &one : stopped)
-        if (one.failed) a.status = failed;
 }
 
-int status_of(const applied &r, const apply_options &o)
+int exit_status_of(const applied &r, const apply_options &o)
 {
-    if (r.signal != 0) return 128 + r.signal;
+    const bool as_before =
+        std::all_of(r.interfaces.begin(), r.interfaces.end(), [](const outcome &one) {
+            return one.why_not_before.empty() && one.back != taken_back::failed;
+        });
+    if (r.signal != 0 && as_before) return 128 + r.signal;
     const bool bad = std::any_of(r.interfaces.begin(), r.interfaces.end(), [&](const outcome &one) {
         return one.failed && !(one.missing && o.missing_is_fine);
     });
@@ -168,9 +179,13 @@ string cannot_save(const loaded &l, const string &name)
 }
 
 // Applies one file and adds to the account what became of it.
-void apply_file(const loaded &l, const options &o, const apply_options &how,
-                const state_folder &state, account &a)
+void apply_file(const loaded &l, const options &o, apply_options how, const state_folder &state,
+                account &a)
 {
+    // With one interface chosen, the others are none of its business.
+    const auto others =
+        o.interface.empty() ? left_over(l, sources_of(o, how), state) : std::vector<string>();
+    if (o.prune) how.prune = others;
     const auto texts = texts_of(l.rules);
     if (!texts) {
         a.status = failed;
@@ -179,22 +194,12 @@ void apply_file(const loaded &l, const options &o, const apply_options &how,
     const applied r = apply_policy(l.rules, l.text, *texts, how, state);
     report(r.interfaces, how.dry_run, a.text, a.out);
     if (!r.error.empty()) complain(r.error);
-    const int status = status_of(r, how);
-    if (status != done) {
-        a.status = status;
-        return;
-    }
+    if (const int status = exit_status_of(r, how); status != done) a.status = status;
     if (r.confirm != 0) {
         a.text += format("to be confirmed within %u s, by: mordel confirm\n", r.confirm);
         a.out["confirm_seconds_left"] = r.confirm;
-        return;  // saved, and others taken down, only what is meant to stay
     }
-    if (!how.dry_run && !how.saved_as.empty())
-        if (const string error = policy_folder().save(how.saved_as, l.text); !error.empty()) {
-            complain(error);
-            a.status = failed;
-        }
-    if (o.interface.empty()) prune(left_over(l, how.source, state), o, state, a);
+    if (!o.prune) name_left_over(others, a);
 }
 
 // ---- At boot ------------------------------------------------------------------------------------
@@ -218,6 +223,7 @@ int apply_saved(const options &o, const apply_options &how, const state_folder &
         }
         // Of a hook's interface that is in no file, or in another, nothing is to be said.
         if (const auto chosen = only(*l, o.interface)) apply_file(*chosen, o, one, state, a);
+        if (const int number = interruption::late(); number != 0) a.status = 128 + number;
         if (a.status >= 128) break;
     }
     return a.status;
@@ -268,6 +274,7 @@ int apply(const options &o)
     if (!is_root(how.dry_run)) return failed;
     if (o.save) {
         how.saved_as = std::filesystem::path(o.file).filename().string();
+        how.source = policy_folder().path() + "/" + how.saved_as;
         if (const string why = cannot_save(*l, how.saved_as); !why.empty()) {
             complain(why);
             return refused;
@@ -278,8 +285,7 @@ int apply(const options &o)
     std::optional<file_lock> lock;
     if (!how.dry_run && (!take_lock(state, how.wait, lock) || !finish_earlier(state, how.wait)))
         return failed;
-    account a;
-    a.out = report_json(how.dry_run);
+    account a(how.dry_run);
     if (o.boot) {
         how.keep_going = how.missing_is_fine = true;
         (void)apply_saved(o, how, state, a);
@@ -289,25 +295,34 @@ int apply(const options &o)
     return reported(o, a);
 }
 
+// Whether a journal is about one of these interfaces
+bool concerns(const std::vector<string> &names, const state_folder &state)
+{
+    string why;
+    const auto j = journal_file(state).read(why);
+    return j && std::any_of(j->entries.begin(), j->entries.end(),
+                            [&](const journal_entry &e) { return has(names, e.name); });
+}
+
 int stop(const options &o)
 {
     const state_folder state;
-    const auto names = names_to_stop(o, state);
+    auto names = names_to_stop(o, state);
     if (!names) return refused;
     if (!is_root(o.apply.dry_run)) return failed;
+    const uninterrupted section;
     std::optional<file_lock> lock;
-    if (!o.apply.dry_run) {
-        if (!take_lock(state, o.apply.wait, lock)) return failed;
-        const recovery r = recover(state, o.apply.wait, true);
-        tell(r);
-        if (r.failed()) return failed;
-    }
-    account a;
-    a.out = report_json(o.apply.dry_run);
+    if (!o.apply.dry_run && !take_lock(state, o.apply.wait, lock)) return failed;
+    if (o.all) names = state.interfaces();  // those of an apply that has just ended too
+    if (!o.apply.dry_run) tell(recover(state, o.apply.wait, concerns(*names, state)));
+    account a(o.apply.dry_run);
     const auto stopped = stop_interfaces(*names, {o.apply.dry_run, o.apply.wait}, state);
     report(stopped, o.apply.dry_run, a.text, a.out);
     for (const outcome &one : stopped)
         if (one.failed) a.status = failed;
+    // What nobody could take back is stopped now, and holds up no later apply.
+    if (!o.apply.dry_run && a.status == done && concerns(*names, state))
+        if (const string error = leave_out(*names, state); !error.empty()) complain(error);
     if (names->empty()) a.text = "nothing is shaped\n";
     return reported(o, a);
 }
@@ -315,6 +330,7 @@ int stop(const options &o)
 int recover(const options &o)
 {
     const state_folder state;
+    const uninterrupted section;
     std::optional<file_lock> lock;
     if (!is_root(false) || !take_lock(state, o.apply.wait, lock)) return failed;
     const recovery r = recover(state, o.apply.wait, true);
@@ -326,6 +342,7 @@ int recover(const options &o)
 int confirm(const options &o)
 {
     const state_folder state;
+    const uninterrupted section;
     std::optional<file_lock> lock;
     if (!is_root(false) || !take_lock(state, o.apply.wait, lock)) return failed;
     string why;
@@ -336,18 +353,10 @@ int confirm(const options &o)
         complain("nothing waits for a confirmation");
         return failed;
     }
-    const string &name = j->entries.front().name;
-    auto text = state.read_staged(name).policy;
-    if (!text) text = state.read(name).policy;  // the same as before, and so not staged
     if (const string error = commit(*j, state); !error.empty()) {
         complain(error);
         return failed;
     }
-    if (!j->saved_as.empty() && text)
-        if (const string error = policy_folder().save(j->saved_as, *text); !error.empty()) {
-            complain(error);
-            return failed;
-        }
     return write_out("confirmed\n") ? done : unreported;
 }
 

@@ -41,6 +41,13 @@ string object_text(const object &what)
     return "";
 }
 
+std::vector<string> texts_of(const std::vector<command> &commands)
+{
+    std::vector<string> all;
+    for (const command &c : commands) all.push_back(c.text);
+    return all;
+}
+
 std::vector<string> words_of(std::string_view text)
 {
     std::vector<string> out;

@@ -43,6 +43,9 @@ struct command {
     bool operator==(const command &) const = default;
 };
 
+// The texts of some commands, in their order
+std::vector<std::string> texts_of(const std::vector<command> &commands);
+
 // The words of a command, without the quotes around one of them
 std::vector<std::string> words_of(std::string_view text);
 

@@ -27,6 +27,7 @@ constinit message messages[2] = {};
 volatile std::sig_atomic_t shown = 0;  // the index of the one for the handler
 
 volatile std::sig_atomic_t too_late = 0;
+volatile std::sig_atomic_t late_signal = 0;
 
 void say(std::string_view text)
 {
@@ -36,7 +37,10 @@ void say(std::string_view text)
 
 void on_signal(int number)
 {
-    if (too_late != 0) return;
+    if (too_late != 0) {
+        late_signal = number;
+        return;
+    }
     const int error = errno;
     if (first_signal == 0) {
         first_signal = number;
@@ -70,6 +74,7 @@ interruption::interruption()
 {
     first_signal = 0;
     too_late = 0;
+    late_signal = 0;
     set_message("nothing has begun");
     sigset_t suspend;
     (void)::sigemptyset(&suspend);
@@ -103,6 +108,8 @@ interruption::~interruption()
 int interruption::signal() const { return first_signal; }
 
 void interruption::over() { too_late = 1; }
+
+int interruption::late() { return late_signal; }
 
 void interruption::left(const std::string &what) { set_message(what); }
 

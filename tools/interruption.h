@@ -26,8 +26,9 @@ public:
     void left(const std::string &what);
 
     // From now on the three come too late: nobody is told anything, and they do not end the program
-    // either, also when this is gone. signal() says whether one came before.
+    // either, also when this is gone. signal() says whether one came before, late() whether after.
     void over();
+    static int late();
 
 private:
     static constexpr int numbers[] = {SIGINT, SIGTERM, SIGHUP, SIGPIPE};

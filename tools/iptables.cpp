@@ -16,13 +16,6 @@ namespace {
 using std::string;
 using lines = std::vector<string>;
 
-lines texts_of(const std::vector<command> &commands)
-{
-    lines all;
-    for (const command &c : commands) all.push_back(c.text);
-    return all;
-}
-
 }  // namespace
 
 // iptables sets an alarm of so many seconds and then waits for the lock. alarm(0) sets none: `-w 0`
@@ -89,13 +82,17 @@ std::optional<std::size_t> iptables::first_refused(const lines &rules) const
     return text ? std::optional<std::size_t>(std::stoul(*text)) : std::nullopt;
 }
 
+void iptables::load(const lines &commands) const
+{
+    if (restore(commands).ok()) return;
+    // iptables-restore does all or nothing: one by one, a refused command leaves the others.
+    for (const string &one : commands) (void)run_one(words_of(one));
+}
+
 bool iptables::remove(const lines &present, string &why) const
 {
     if (present.empty()) return true;
-    const lines commands = texts_of(lines_to_remove(present));
-    if (!restore(commands).ok())
-        // iptables-restore does all or nothing: one by one, a refused command leaves the others.
-        for (const string &one : commands) (void)run_one(words_of(one));
+    load(texts_of(lines_to_remove(present)));
     const auto left = list(why);
     if (!left) return false;
     if (!left->empty()) why = "still in the mangle table: " + left->front();

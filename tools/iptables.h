@@ -34,6 +34,11 @@ public:
     // None when all pass there or the kernel gives no namespace.
     std::optional<std::size_t> first_refused(const std::vector<std::string> &rules) const;
 
+    // The same, or where it is refused or missing, each command by itself, whatever becomes of it:
+    // for taking back, where the table is listed afterwards. No command is one of iptables-restore
+    // alone (":CHAIN").
+    void load(const std::vector<std::string> &commands) const;
+
     // Deletes the lines that list() gave: by one restore, or one by one after a refusal. False, and
     // the reason in `why`, when a line stays.
     bool remove(const std::vector<std::string> &present, std::string &why) const;

@@ -188,13 +188,14 @@ journal_entry read_entry(const json &j)
 
 journal read_journal(const json &j)
 {
-    const json &r = record(j, 6);
+    const json &r = record(j, 7);
     if (number(at(r, "version")) != version) throw not_ours{};
     journal out;
     out.what = one_of<journal::phase>(at(r, "phase"), phase_names);
     out.boot = text(at(r, "boot"));
     out.until = seconds(at(r, "until"));
     out.saved_as = text(at(r, "saved_as"));
+    out.policy = text(at(r, "policy"));
     out.entries = all(at(r, "entries"), read_entry);
     return out;
 }
@@ -212,6 +213,7 @@ string journal_text(const journal &j)
                         {"boot", characters_of(j.boot)},
                         {"until", j.until},
                         {"saved_as", characters_of(j.saved_as)},
+                        {"policy", characters_of(j.policy)},
                         {"entries", entries}};
     return whole.dump() + "\n";
 }
@@ -255,6 +257,11 @@ std::optional<journal> journal_file::read(string &why) const
     return j;
 }
 
-string journal_file::remove() const { return remove_own(path_); }
+string journal_file::remove() const
+{
+    const string stays = remove_own(path_ + ".new");  // of a write that was broken off
+    const string why = remove_own(path_);
+    return why.empty() ? stays : why;
+}
 
 }  // namespace tool

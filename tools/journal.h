@@ -26,7 +26,8 @@ struct journal {
     enum class phase { under_way, unconfirmed, committed } what = phase::under_way;
     std::string boot;      // this_boot(): after another boot the kernel holds nothing of it
     double until = 0;      // unconfirmed: taken back then; CLOCK_BOOTTIME, seconds
-    std::string saved_as;  // where the policy goes when it is confirmed; ""
+    std::string saved_as;  // where the policy goes when it is kept; ""
+    std::string policy;    // its text, where it goes anywhere
     std::vector<journal_entry> entries;
     bool operator==(const journal &) const = default;
 };
@@ -34,8 +35,8 @@ struct journal {
 // A text that is another after each boot; "" where the kernel gives none.
 std::string this_boot();
 
-// The file /var/run/mordel/journal. A journal is whole before the first step that it is about: from
-// one that cannot be read nothing was begun.
+// The file /var/run/mordel/journal. A journal is whole before the first step that it is about: one
+// that a crash has cut short has begun nothing.
 class journal_file {
 public:
     explicit journal_file(const state_folder &state) : path_(state.path() + "/journal") {}

@@ -27,7 +27,9 @@ string kernel_message(std::string_view record)
     const std::size_t text = record.find(';');
     if (text == std::string_view::npos) return "";
     // Lines below the first name the device, for programs.
-    return brief(record.substr(text + 1, record.find('\n', text) - text - 1));
+    const string said = brief(record.substr(text + 1, record.find('\n', text) - text - 1));
+    // A trial gives its interface a name, and says nothing of a refusal by that.
+    return said.find(": renamed from ") == string::npos ? said : "";
 }
 
 kernel_log::kernel_log(const char *path)

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Owns the commands that change nothing: check, render, show and status.
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <optional>
 
@@ -36,10 +37,23 @@ memory last_of(const string &name, const std::optional<journal> &waiting)
     return state.read(name);
 }
 
+// All interfaces that a policy was applied to; of a first one that waits for its confirmation the
+// journal alone knows.
+std::vector<string> shaped(const std::optional<journal> &waiting)
+{
+    std::vector<string> names = state_folder().interfaces();
+    if (waiting && seconds_left(*waiting) != 0)
+        for (const journal_entry &e : waiting->entries)
+            if (std::find(names.begin(), names.end(), e.name) == names.end())
+                names.push_back(e.name);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
 // A line about an apply that was not finished; "" without one
 string unfinished_text(const std::optional<journal> &j)
 {
-    if (!j || j->what == journal::phase::committed) return "";
+    if (!j || j->what == journal::phase::committed || j->boot != this_boot()) return "";
     if (const unsigned left = seconds_left(*j); left != 0)
         return format("not confirmed: %u s left; mordel confirm keeps it\n", left);
     return "an apply is under way, or was broken off: mordel recover takes it back\n";
@@ -127,6 +141,7 @@ int show(const options &o)
 
 int status(const options &o)
 {
+    const auto waiting = unfinished();
     std::optional<loaded> given;
     if (!o.file.empty() && !(given = load_good(o.file, o.kernel))) return refused;
     // The named interface, or those of the given policy, or all with a remembered policy
@@ -136,14 +151,13 @@ int status(const options &o)
     else if (given)
         for (const policy_interface &iface : given->rules.interfaces) names.push_back(iface.name);
     else
-        names = state_folder().interfaces();
+        names = shaped(waiting);
     if (names.empty()) {
         complain("nothing was applied; name an interface, or a policy with --policy");
         return failed;
     }
     // An interface that gives no answer fails the command but does not hide the others.
     int result = done;
-    const auto waiting = unfinished();
     std::vector<interface_status> all;
     for (const string &name : names) {
         if (auto s = status_of(name, o, given, last_of(name, waiting)))

@@ -29,8 +29,7 @@ chains_seen look_at_chains(const iptables &tables, const wanted &w)
     chains_seen seen = list_chains(tables);
     if (seen.present.empty()) return seen;
     // Without present chains there is nothing to compare a trial with: the rules are loaded anyhow.
-    std::vector<std::string> commands;
-    for (const command &c : lines_to_load(w.script.rules, w.iface.name)) commands.push_back(c.text);
+    const auto commands = texts_of(lines_to_load(w.script.rules, w.iface.name));
     seen.expected = tables.tried(commands);
     return seen;
 }

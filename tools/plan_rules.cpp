@@ -56,13 +56,6 @@ std::vector<step> restore_steps(const std::vector<command> &commands, const chai
     return steps;
 }
 
-lines texts_of(const std::vector<command> &commands)
-{
-    lines all;
-    for (const command &c : commands) all.push_back(c.text);
-    return all;
-}
-
 // The rules that the script applied last has made, if they are those that the listing holds. The
 // kernel may list a rule in other words than a script's, so that script and listing cannot be
 // compared; two scripts can, where nobody has touched the chains since.

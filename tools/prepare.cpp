@@ -45,7 +45,7 @@ bool has_step(const prepared &p, program by) { return !commands_of(p.out.steps, 
 void plan_it(prepared &p, const apply_options &o, const live_tree &live)
 {
     if (o.script) return take(p, plan_script("--script"));
-    take(p, plan_apply(p.w, live, p.chains, p.before));
+    take(p, plan_apply(*p.w, live, p.chains, p.before));
     if (o.dry_run || !has_step(p, program::iptables_restore) || is_on_path("iptables-restore") ||
         !is_on_path("iptables"))
         return;
@@ -57,7 +57,7 @@ void plan_it(prepared &p, const apply_options &o, const live_tree &live)
 // False when the chains cannot be listed.
 bool look(prepared &p)
 {
-    p.chains = look_at_chains(p.tables, p.w);
+    p.chains = p.w ? look_at_chains(p.tables, *p.w) : list_chains(p.tables);
     p.entry.before.rules = p.chains.present;
     if (p.chains.how != chains_seen::looked::failed) return true;
     fail(p, p.chains.why_not);
@@ -92,22 +92,29 @@ void try_it(prepared &p, const apply_options &o, const live_tree &live)
     if (refused) fail(p, *refused);
 }
 
+prepared empty(const string &ifname, const apply_options &o, const state_folder &state)
+{
+    prepared p{std::nullopt,
+               iptables(ifname, o.wait),
+               state.read(ifname),
+               {},
+               {},
+               {ifname, ::if_nametoindex(ifname.c_str()), {}, {}}};
+    p.out.name = ifname;
+    return p;
+}
+
 }  // namespace
 
 prepared prepare(const policy_interface &iface, const string &script, const apply_options &o,
                  const state_folder &state)
 {
-    prepared p{{iface, script, parse_start_script(script, iface.name)},
-               iptables(iface.name, o.wait),
-               state.read(iface.name),
-               {},
-               {},
-               {iface.name, ::if_nametoindex(iface.name.c_str()), {}, {}}};
-    p.out.name = iface.name;
+    prepared p = empty(iface.name, o, state);
+    p.w.emplace(wanted{iface, script, parse_start_script(script, iface.name)});
     string why;
     const auto live = read_kernel(iface.name, why);
-    if (!p.w.script.error.empty())
-        fail(p, "its start script: " + p.w.script.error);
+    if (!p.w->script.error.empty())
+        fail(p, "its start script: " + p.w->script.error);
     else if (!live)
         fail(p, why);
     if (p.out.failed) {
@@ -119,6 +126,22 @@ prepared prepare(const policy_interface &iface, const string &script, const appl
     if (!guess && !look(p)) return p;
     plan_it(p, o, *live);
     if (!o.dry_run && has_programs(p)) try_it(p, o, *live);
+    return p;
+}
+
+prepared prepare_stop(const string &ifname, const apply_options &o, const state_folder &state)
+{
+    prepared p = empty(ifname, o, state);
+    string why;
+    const auto live = read_kernel(ifname, why);
+    // An interface that has gone took its tree with it; its chains stayed.
+    if (!live && p.entry.index != 0) fail(p, why);
+    if (p.out.failed) return p;
+    if (live) p.entry.before = image_of(ifname, *live);
+    if (!look(p)) return p;
+    take(p, plan_stop(ifname, live ? &*live : nullptr, p.chains));
+    if (o.dry_run || !has_programs(p)) return p;
+    if (const auto refused = try_rules(p.tables, p.out.steps)) fail(p, *refused);
     return p;
 }
 

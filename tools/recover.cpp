@@ -9,6 +9,8 @@
 #include <ctime>
 
 #include "journal.h"
+#include "policy_folder.h"
+#include "process.h"
 #include "take_back.h"
 #include "text.h"
 
@@ -66,7 +68,9 @@ string commit(journal j, const state_folder &state)
     }
     for (const journal_entry &e : j.entries)
         if (!state.take_staged(e.name)) state.forget(e.name);
-    return file.remove();
+    const string error = j.saved_as.empty() ? "" : policy_folder().save(j.saved_as, j.policy);
+    const string stays = file.remove();
+    return error.empty() ? stays : error;
 }
 
 bool recovery::failed() const
@@ -77,21 +81,25 @@ bool recovery::failed() const
 
 recovery recover(const state_folder &state, unsigned wait, bool waiting)
 {
+    const uninterrupted section;
     recovery r;
     const journal_file file(state);
-    string why;
-    const auto j = file.read(why);
+    const auto j = file.read(r.error);
     if (!j) {
-        // A journal that was cut short has begun nothing: it is whole before the first step.
-        if (!why.empty()) r.error = file.remove();
+        // Without a journal nothing was begun, and what was staged is of no use.
+        if (r.error.empty()) state.drop_all_staged();
+        if (r.error.empty() || !waiting) return r;
+        // Asked for by a person: only so the next apply gets on.
+        r.found = true;
+        r.note = r.error + ": nobody can go by it, and it is removed";
+        r.error = file.remove();
         return r;
     }
-    r.found = true;
     if (j->boot != this_boot()) {
-        r.found = false;
         r.error = forget_old(*j, state);
         return r;
     }
+    r.found = true;
     if (j->what == journal::phase::committed) {
         r.gone_on = true;
         r.error = commit(*j, state);
@@ -101,13 +109,31 @@ recovery recover(const state_folder &state, unsigned wait, bool waiting)
     if (r.seconds_left != 0) return r;
     for (auto e = j->entries.rbegin(); e != j->entries.rend(); ++e)
         r.interfaces.push_back(taken_back_outcome(*e, state, wait));
-    if (!r.failed()) r.error = file.remove();
+    // Only what is not back yet stays in the journal, for another try.
+    std::vector<string> back;
+    for (const outcome &one : r.interfaces)
+        if (!one.failed) back.push_back(one.name);
+    r.error = leave_out(back, state);
+    if (!r.failed()) state.drop_all_staged();
     return r;
+}
+
+string leave_out(const std::vector<string> &names, const state_folder &state)
+{
+    const journal_file file(state);
+    string error;
+    auto j = file.read(error);
+    if (!j) return error;
+    std::erase_if(j->entries, [&](const journal_entry &e) {
+        return std::find(names.begin(), names.end(), e.name) != names.end();
+    });
+    return j->entries.empty() ? file.remove() : file.write(*j);
 }
 
 std::vector<string> recovery_lines(const recovery &r)
 {
     std::vector<string> all;
+    if (!r.note.empty()) all.push_back(r.note);
     if (r.gone_on) all.emplace_back("the end of an apply that was broken off is made up for");
     if (!r.interfaces.empty()) all.emplace_back("an apply that was not finished is taken back");
     for (const outcome &one : r.interfaces)

@@ -71,7 +71,6 @@ outcome stop_interface(const string &name, const stop_options &o, const state_fo
 std::vector<outcome> stop_interfaces(const std::vector<string> &names, const stop_options &o,
                                      const state_folder &state)
 {
-    const uninterrupted section;
     std::vector<outcome> all;
     for (const string &name : names) all.push_back(stop_interface(name, o, state));
     return all;

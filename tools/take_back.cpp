@@ -22,13 +22,6 @@ namespace {
 using std::string;
 using lines = std::vector<string>;
 
-lines texts_of(const std::vector<command> &commands)
-{
-    lines all;
-    for (const command &c : commands) all.push_back(c.text);
-    return all;
-}
-
 // The interface's chains; none where there is no iptables, for then nobody has made any.
 std::optional<lines> present_rules(const iptables &tables, string &why)
 {
@@ -43,7 +36,14 @@ public:
 
     way_back go()
     {
-        if (holds_before() || undo() || make_anew()) return {came_back(), ""};
+        for (const auto &attempt : {&way::leave_it, &way::undo, &way::make_anew}) {
+            if (!(this->*attempt)()) continue;
+            const answer now = look();
+            if (now == answer::as_before) return {came_back(), ""};
+            // Where the kernel cannot be asked, it may hold what it should: nothing is torn down.
+            if (now == answer::unknown && attempt != &way::leave_it)
+                return {taken_back::failed, why_};
+        }
         const string why = why_;
         if (apply_last_policy()) return {taken_back::last_policy, why};
         if (clear()) return {taken_back::default_qdisc, was_empty() ? "" : why};
@@ -63,19 +63,27 @@ private:
         return was_empty() ? taken_back::default_qdisc : taken_back::before;
     }
 
-    bool holds_before()
+    enum class answer { as_before, other, unknown };
+
+    answer look()
     {
         const auto rules = present_rules(tables_, why_);
-        if (!rules) return false;
-        if (!is_the_same()) return *rules == e_.before.rules;
-        const auto live = read_kernel(e_.name, why_);
-        if (!live) return false;
-        image now = image_of(e_.name, *live);
+        if (!rules) return answer::unknown;
+        image now = e_.before;
+        if (is_the_same()) {
+            const auto live = read_kernel(e_.name, why_);
+            if (!live) return answer::unknown;
+            now = image_of(e_.name, *live);
+        }
         now.rules = *rules;
-        if (now == e_.before) return true;
+        if (now == e_.before) return answer::as_before;
         why_ = "the kernel holds something else than before";
-        return false;
+        return answer::other;
     }
+
+    // ---- Each gives false when it is no way at all ----------------------------------------------
+
+    bool leave_it() { return true; }
 
     // Rules and queue length as before; the tree is left alone.
     void restore_the_rest()
@@ -83,7 +91,7 @@ private:
         string why;
         const auto present = present_rules(tables_, why);
         if (present && *present != e_.before.rules)
-            (void)tables_.restore(texts_of(lines_to_restore(*present, e_.before.rules)));
+            tables_.load(texts_of(lines_to_restore(*present, e_.before.rules)));
         if (is_the_same()) (void)set_queue_len(e_.name, e_.before.queue_len);
     }
 
@@ -91,7 +99,7 @@ private:
     {
         if (is_the_same()) run_tolerant(e_.undo);
         restore_the_rest();
-        return holds_before();
+        return true;
     }
 
     // The whole tree from the image: for the rare case that a command of the undo was refused.
@@ -103,9 +111,10 @@ private:
         }
         if (!is_the_same()) return false;
         lines commands = {"qdisc del dev " + e_.name + " root"};
-        for (const command &c : e_.before.tree) commands.push_back(c.text);
+        const lines tree = texts_of(e_.before.tree);
+        commands.insert(commands.end(), tree.begin(), tree.end());
         run_tolerant(commands);
-        return holds_before();
+        return true;
     }
 
     bool apply_last_policy()
@@ -129,12 +138,17 @@ private:
         run_tolerant({"qdisc del dev " + e_.name + " root"});
         run_tolerant(texts_of(w.script.tree));
         const auto present = present_rules(tables_, why);
-        if (present && !w.script.rules.empty() &&
-            !tables_.restore(texts_of(lines_to_replace(w.script.rules, e_.name, *present))).ok())
-            return false;
+        if (present) {
+            auto commands = texts_of(lines_to_remove(*present));
+            const auto load = texts_of(lines_to_load(w.script.rules, e_.name));
+            commands.insert(commands.end(), load.begin(), load.end());
+            tables_.load(commands);
+        }
         if (w.script.queue_length) (void)set_queue_len(e_.name, w.iface.param.pfifo_fast.queue_len);
         const auto live = read_kernel(e_.name, why);
-        return present && live && verify(w, *live).error.empty();
+        const auto rules = present_rules(tables_, why);
+        return live && verify(w, *live).error.empty() && rules &&
+               rules->size() == 2 + w.script.rules.size();  // the two chains
     }
 
     // The default qdisc and no chain: half a tree would shape in a way that nobody wrote.

@@ -11,9 +11,12 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <filesystem>
+#include <vector>
 
 #include "journal.h"
 #include "lock.h"
@@ -31,17 +34,21 @@ void let_go_of_files()
 {
     const int nothing = ::open("/dev/null", O_RDWR);
     for (int fd = 0; fd < 3; ++fd) (void)::dup2(nothing, fd);
-    const long most = ::sysconf(_SC_OPEN_MAX);
-    for (int fd = 3; fd < (most < 0 ? 1024 : most); ++fd) (void)::close(fd);
+    std::vector<int> open;
+    std::error_code none;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd", none))
+        open.push_back(static_cast<int>(std::strtol(entry.path().filename().c_str(), nullptr, 10)));
+    for (const int fd : open)
+        if (fd > 2) (void)::close(fd);
 }
 
 // Whether the journal is still that of the apply that this timer was started for. Another time is
-// that of another apply, which has its own timer.
+// that of another apply, which has its own timer. A journal that cannot be read now may be later.
 bool waits(const state_folder &state, double until)
 {
     string why;
     const auto j = journal_file(state).read(why);
-    return j && j->what == journal::phase::unconfirmed && j->until == until;
+    return j ? j->what == journal::phase::unconfirmed && j->until == until : !why.empty();
 }
 
 // True when the time has come; false when nothing waits for it any more, which is looked at once a
@@ -79,7 +86,8 @@ string start_timer(const state_folder &state, double until)
     if (child == 0) {
         // A second fork: the timer is no leader of its session, so that no terminal becomes its
         // own.
-        if (::setsid() < 0 || ::fork() != 0) ::_exit(0);
+        const pid_t timer = ::setsid() < 0 ? -1 : ::fork();
+        if (timer != 0) ::_exit(timer < 0 ? 1 : 0);
         let_go_of_files();
         (void)std::signal(SIGHUP, SIG_IGN);
         for (const int number : {SIGINT, SIGTERM}) (void)std::signal(number, SIG_DFL);
@@ -91,8 +99,9 @@ string start_timer(const state_folder &state, double until)
         }
         ::_exit(0);
     }
-    while (::waitpid(child, nullptr, 0) < 0 && errno == EINTR) {}
-    return "";
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {}
+    return status == 0 ? "" : "cannot start the timer";
 }
 
 }  // namespace tool

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // apply --confirm against a real kernel: what nobody confirms is taken back, also when the terminal
 // and the session of the apply are gone, and also when its timer is.
+#include "traced.h"
 #include "transaction.h"
 
 namespace {
@@ -87,6 +88,67 @@ TEST(Confirm, StatusShowsTheSecondsLeftAndAnotherApplyIsRefused)
     expect_nothing_left();
 }
 
+// Nothing is remembered of the interface yet but in the journal.
+TEST(Confirm, StatusShowsAFirstPolicyToo)
+{
+    const string q = make_interface();
+    apply_file(policy_file(for_interface(two_classes, q)), {"--confirm", "600"});
+    const result text = mordel({"status", "--interval", "0.1"});
+    EXPECT_EQ(0, text.status) << text.err;
+    EXPECT_TRUE(has(text.out, " s left; mordel confirm keeps it")) << text.out;
+    EXPECT_TRUE(has(text.out, q + "  htb, as the policy says")) << text.out;
+    const result r = mordel({"status", "--interval", "0.1", "--json"});
+    EXPECT_EQ(q, first_interface(r).value("name", ""));
+    EXPECT_EQ("same", first_interface(r).value("policy", ""));
+    const unsigned left = r.parsed().value("confirm_seconds_left", 0U);
+    EXPECT_LT(0U, left);
+    EXPECT_GE(600U, left);
+    EXPECT_EQ(0, mordel({"recover"}).status);
+    expect_default(q);
+    expect_nothing_left();
+}
+
+TEST(Confirm, IsAskedForAlsoWhenOneInterfaceIsMissing)
+{
+    const string q = make_interface();
+    const string file = policy_file(for_interface(two_classes, "q999") +  //
+                                    for_interface(two_classes, q));
+    const result r = mordel({"apply", "--confirm", "600", "--keep-going", file});
+    EXPECT_EQ(1, r.status);
+    expect_told(r, "mordel: q999: ");
+    EXPECT_TRUE(has(r.out, "to be confirmed within 600 s")) << r.out;
+    const string applied = kernel();
+    EXPECT_TRUE(has(applied, "class htb 1:11 ")) << applied;
+    const result confirmed = mordel({"confirm"});
+    EXPECT_EQ(0, confirmed.status) << confirmed.err;
+    EXPECT_EQ(applied, kernel());
+    EXPECT_EQ(0, mordel({"recover"}).status);
+    EXPECT_EQ(applied, kernel()) << "nothing is taken back any more";
+    expect_nothing_left();
+}
+
+TEST(Confirm, OutlastsTheStopOfAnotherInterface)
+{
+    const string other = make_interface();
+    const change c = prepared();
+    apply_file(policy_file(for_interface(two_classes, other)));
+    apply_unconfirmed(c, "600");
+    const string applied = state_of(c.name);
+    const result of_other = mordel({"stop", other});
+    EXPECT_EQ(0, of_other.status) << of_other.err;
+    expect_default(other);
+    EXPECT_EQ(applied, state_of(c.name));
+    const result status = mordel({"status", "--interval", "0.1"});
+    EXPECT_TRUE(has(status.out, " s left; mordel confirm keeps it")) << status.out;
+    const result r = mordel({"stop", c.name});
+    EXPECT_EQ(0, r.status) << r.err;
+    expect_told(r, "an apply that was not finished is taken back");
+    expect_told(r, c.name + ": " + brought_back);
+    expect_default(c.name);
+    EXPECT_EQ("\n", files_of_state());
+    expect_nothing_left();
+}
+
 TEST(Confirm, WithoutATimerIsTakenBackByTheNext)
 {
     for (const string verb : {"recover", "apply", "stop"}) {
@@ -136,17 +198,21 @@ TEST(Confirm, OutlivesItsTerminalAndSession)
     expect_nothing_left();
 }
 
+constexpr char saved_policies[] = "/etc/mordel";
+
+string saved()
+{
+    std::error_code none;
+    string all;
+    for (const auto &file : fs::directory_iterator(saved_policies, none))
+        all += file_text(file.path());
+    return all;
+}
+
 TEST(Confirm, AloneSavesThePolicy)
 {
     const change c = prepared();
-    fs::remove_all("/etc/mordel");
-    const auto saved = [] {
-        std::error_code none;
-        string all;
-        for (const auto &file : fs::directory_iterator("/etc/mordel", none))
-            all += file_text(file.path());
-        return all;
-    };
+    fs::remove_all(saved_policies);
     apply_unconfirmed(c, "600", {"--save"});
     EXPECT_EQ("", saved());
     EXPECT_EQ(0, mordel({"recover"}).status);
@@ -154,7 +220,42 @@ TEST(Confirm, AloneSavesThePolicy)
     apply_unconfirmed(c, "600", {"--save"});
     EXPECT_EQ(0, mordel({"confirm"}).status);
     EXPECT_EQ(file_text(c.new_file), saved());
-    fs::remove_all("/etc/mordel");
+    fs::remove_all(saved_policies);
+}
+
+// Once the journal says that the policy is kept, there is no way back, only on.
+TEST(Confirm, KilledHalfwayIsGoneOnWith)
+{
+    const change c = prepared();
+    fs::remove_all(saved_policies);
+    unsigned calls = 0;  // of the system, from the first on that finds the journal so
+    const auto kill_at = [&](unsigned at) {
+        apply_file(c.old_file);
+        fs::remove_all(saved_policies);
+        apply_unconfirmed(c, "600", {"--save"});
+        calls = 0;
+        const auto is_now = [&](unsigned) {
+            if (calls != 0 || has(file_text(journal), "committed")) ++calls;
+            return calls == at;
+        };
+        return run_traced({"confirm"}, is_now, SIGKILL).ended;
+    };
+    EXPECT_EQ(0, kill_at(never).status);
+    const string after = everything();
+    const unsigned last = calls;
+    ASSERT_LT(10U, last);
+    for (const unsigned at : {1U, last / 4, last / 2, last * 3 / 4, last}) {
+        SCOPED_TRACE("system call " + std::to_string(at) + " of " + std::to_string(last));
+        EXPECT_EQ(128 + SIGKILL, kill_at(at).status);
+        const bool halfway = fs::exists(journal);
+        const result r = mordel({"recover"});
+        EXPECT_EQ(0, r.status) << r.err;
+        if (halfway) expect_told(r, "the end of an apply that was broken off is made up for");
+        expect_as(after, r.err);
+        EXPECT_EQ(file_text(c.new_file), saved());
+        expect_nothing_left();
+    }
+    fs::remove_all(saved_policies);
 }
 
 }  // namespace

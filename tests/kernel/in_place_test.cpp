@@ -24,6 +24,7 @@
 namespace {
 
 unsigned pairs = 120;
+unsigned stops_of_pair = 3;  // 0: one at each step
 
 using std::string;
 using tool::format;
@@ -302,8 +303,12 @@ void try_pair(unsigned seed, tally &all)
     const string in_place = without_unused(held(), next);
     (void)run_tc(undo_of(steps, steps.size()), "-force");
     EXPECT_EQ(text(before), text(held())) << "undo:\n" << joined(undo_of(steps, steps.size()));
-    for (int i = 0; i < 3 && !testing::Test::HasFailure() && !steps.empty(); ++i, ++all.stops)
-        expect_undone(steps, d.below(static_cast<u32>(steps.size())), before, i != 0);
+    const std::size_t most = stops_of_pair == 0 ? steps.size() : stops_of_pair;
+    for (std::size_t i = 0; i < most && !testing::Test::HasFailure() && !steps.empty(); ++i) {
+        const std::size_t random = d.below(static_cast<u32>(steps.size()));
+        expect_undone(steps, stops_of_pair == 0 ? i : random, before, i % 2 != 0);
+        ++all.stops;
+    }
     (void)run_tc({"qdisc del dev q0 root"});
     ASSERT_EQ("", run_tc(tc_of(plan_to(next))));
     EXPECT_EQ(without_unused(held(), next), in_place) << "another tree than when built anew";
@@ -334,5 +339,6 @@ int main(int argc, char **argv)
         return 77;
     }
     if (argc > 1) pairs = static_cast<unsigned>(std::atoi(argv[1]));
+    if (argc > 2) stops_of_pair = static_cast<unsigned>(std::atoi(argv[2]));
     return RUN_ALL_TESTS();
 }

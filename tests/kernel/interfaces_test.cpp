@@ -201,4 +201,29 @@ TEST(Interfaces, APolicyIsSavedForBootWhenItIsInForce)
     fs::remove_all(boot_folder);
 }
 
+// A saved policy has two paths: its own file, and that of the folder, which boot goes by.
+TEST(Interfaces, OneThatHasLeftASavedPolicyIsNamedAndPruned)
+{
+    const string stays = make_interface();
+    const string goes = make_interface();
+    fs::remove_all(boot_folder);
+    const string file = "/run/home.toml";
+    write_file(file, of_both(stays, goes));
+    apply_file(file, {"--save"});
+    apply_file("--boot");
+    write_file(file, for_interface(two_classes, stays));
+
+    const result named = mordel({"apply", "--save", file});
+    EXPECT_EQ(0, named.status) << named.err;
+    expect_told(named, goes + ": no longer in the policy, still shaped");
+    expect_shaped(goes);
+
+    const result pruned = mordel({"apply", "--save", "--prune", file});
+    EXPECT_EQ(0, pruned.status) << pruned.err;
+    expect_shaped(stays);
+    expect_default(goes);
+    expect_nothing_left();
+    fs::remove_all(boot_folder);
+}
+
 }  // namespace

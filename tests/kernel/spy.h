@@ -22,6 +22,7 @@ inline const string calls_file = "/run/calls";
 inline const string orders_file = "/run/orders";
 inline const string count_file = "/run/positions";  // how many have been passed
 inline const string fired_file = "/run/fired";      // there once the order is done
+inline const string hold_file = "/run/hold";        // the order waits until it is gone
 inline const string at_work_file = "/run/at_work";  // locked while a tool changes something
 inline const string overlap_file = "/run/overlap";  // there once two have been at work
 
@@ -30,13 +31,15 @@ struct order {
     bool refuse = false;   // the command fails as the real tool's would
     int signal = 0;        // sent to mordel before the command
     unsigned seconds = 0;  // slept before the command
-    lines
-        refused_after{};  // regular expressions: once fired, such commands fail too, also to -force
+    // Regular expressions for "tc -force class add ...", -force where it is run to take back: once
+    // fired, such commands fail too.
+    lines refused_after{};
 };
 
 inline void remove_notes()
 {
-    for (const string &file : {calls_file, orders_file, count_file, fired_file, overlap_file})
+    for (const string &file :
+         {calls_file, orders_file, count_file, fired_file, hold_file, overlap_file})
         (void)::unlink(file.c_str());
 }
 
@@ -173,6 +176,7 @@ inline void send_to_mordel(int signal)
 inline bool carry_out(const json &order)
 {
     write_file(fired_file, "");
+    while (::access(hold_file.c_str(), F_OK) == 0) (void)::usleep(10000);
     (void)::sleep(order["seconds"].get<unsigned>());
     send_to_mordel(order["signal"].get<int>());
     // A killed mordel takes its children along. One that lives on shows itself by its work.
@@ -180,11 +184,12 @@ inline bool carry_out(const json &order)
     return order["refuse"].get<bool>();
 }
 
-inline bool is_refused_after(const json &order, const string &command)
+inline bool is_refused_after(const json &order, const call &c, const string &command)
 {
+    const string whole = c.name + (c.forced ? " -force " : " ") + command;
     const auto &all = order["refused_after"];
     return fired() && std::any_of(all.begin(), all.end(), [&](const json &text) {
-               return std::regex_search(command, std::regex(text.get<string>()));
+               return std::regex_search(whole, std::regex(text.get<string>()));
            });
 }
 
@@ -202,7 +207,7 @@ inline int obeyed(const call &c, const json &order, char **argv)
     for (std::size_t i = 0; i < c.commands.size(); ++i) {
         const bool here = is_at(order, c);
         if (here && !run_input()) return status;
-        if (here ? carry_out(order) : is_refused_after(order, c.commands[i])) {
+        if (here ? carry_out(order) : is_refused_after(order, c, c.commands[i])) {
             if (!run_input()) return status;
             status = refuse(c, i + 1);
             if (!c.forced) return status;

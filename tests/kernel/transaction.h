@@ -36,23 +36,6 @@ inline string make_interface()
     return interfaces.back();
 }
 
-// Each test begins with nothing in the kernel and in the state folder: what a failed one has left
-// would make others fail, and each interface more costs every comparison.
-class clean_kernel : public testing::EmptyTestEventListener {
-    void OnTestEnd(const testing::TestInfo &) override
-    {
-        string links;
-        for (const string &name : interfaces) links += "link del " + name + "\n";
-        (void)run({"ip", "-force", "-batch", "-"}, links);
-        interfaces.clear();
-        (void)run({"iptables-restore", "-w"}, "*mangle\nCOMMIT\n");
-        std::error_code none;
-        for (const auto &file : fs::directory_iterator(state_folder, none))
-            fs::remove_all(file.path(), none);
-        remove_notes();
-    }
-};
-
 // Another interface's jump may stand before or behind.
 inline string rules_with_sorted_jumps()
 {
@@ -185,6 +168,25 @@ inline void expect_nothing_left()
     EXPECT_FALSE(fs::exists(overlap_file)) << "two tools were at work at once";
 }
 
+// Each test begins with nothing in the kernel and in the state folder: what a failed one has left
+// would make others fail, and each interface more costs every comparison.
+class clean_kernel : public testing::EmptyTestEventListener {
+    void OnTestEnd(const testing::TestInfo &) override
+    {
+        for (const string &process : processes_of_ours())
+            (void)::kill(std::atoi(process.c_str()), SIGKILL);
+        string links;
+        for (const string &name : interfaces) links += "link del " + name + "\n";
+        (void)run({"ip", "-force", "-batch", "-"}, links);
+        interfaces.clear();
+        (void)run({"iptables-restore", "-w"}, "*mangle\nCOMMIT\n");
+        std::error_code none;
+        for (const auto &file : fs::directory_iterator(state_folder, none))
+            fs::remove_all(file.path(), none);
+        remove_notes();
+    }
+};
+
 // ---- The command --------------------------------------------------------------------------------
 
 // With the spies watching, and without an order to them
@@ -207,6 +209,17 @@ inline void apply_file(const string &file, const lines &more = {})
     words.insert(words.end(), more.begin(), more.end());
     const result r = mordel(words);
     ASSERT_EQ(0, r.status) << r.err << file_text(file);
+}
+
+// How many positions the apply of a file has; it is applied.
+inline unsigned positions_to(const string &file, const lines &more = {},
+                             const environment &e = spied())
+{
+    lines words = {"apply", file};
+    words.insert(words.end(), more.begin(), more.end());
+    const result r = mordel_with({.at = never}, words, e);
+    EXPECT_EQ(0, r.status) << r.err;
+    return static_cast<unsigned>(std::atoi(file_text(count_file).c_str()));
 }
 
 // From nothing, so that no earlier test plays a part

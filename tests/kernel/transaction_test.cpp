@@ -7,12 +7,11 @@
 // pairs: random pairs of policies; positions: of each pair at most so many are made to fail, 0:
 // all; kills: random moments; seed: of the first pair. Spies stand under the names tc, iptables and
 // iptables-restore. What the kernel holds is always read with tc and iptables themselves.
-#include <sys/ptrace.h>
-
 #include <cstring>
 #include <exception>
 
 #include "random_policy.h"
+#include "traced.h"
 #include "transaction.h"
 
 namespace {
@@ -168,20 +167,22 @@ TEST(Failure, OfTheFirstPolicyLeavesTheDefault)
     }
 }
 
-// What somebody else has built is no policy of ours, and comes back all the same.
-TEST(Failure, LeavesATreeThatAPersonHasBuilt)
+// No command of ours makes what somebody else has built under a number of his own: that is said.
+TEST(Failure, OverATreeThatAPersonHasBuiltSaysThatItIsGone)
 {
     const string q = make_interface();
     by_hand(for_interface("tc qdisc add dev @ root handle 5: htb default 7;"
                           "tc class add dev @ parent 5: classid 5:7 htb rate 3mbit;"
                           "tc qdisc add dev @ parent 5:7 handle 70: pfifo limit 9",
                           q));
-    const string before = everything();
     const string file = policy_file(for_interface(two_classes, q));
     const result r = mordel_with({.at = 6, .refuse = true}, {"apply", file});
     EXPECT_TRUE(fired());
     EXPECT_EQ(1, r.status);
-    expect_as(before, r.err);
+    EXPECT_TRUE(has(r.err, "what it held before is not to be had: nobody can put back its root"))
+        << r.err;
+    EXPECT_TRUE(has(r.err, "back on its default qdisc, without rules")) << r.err;
+    expect_default(q);
 }
 
 TEST(Failure, OfAScriptLeavesWhatRan)
@@ -273,43 +274,6 @@ TEST(Fallback, WhenAllWaysAreRefusedItIsSaid)
 }
 
 // ---- Kills and interruptions --------------------------------------------------------------------
-
-struct traced {
-    result ended;
-    unsigned calls = 0;  // of the system, by mordel itself
-};
-
-void be_traced()
-{
-    (void)::setenv("SPY_MORDEL", std::to_string(::getpid()).c_str(), 1);
-    (void)::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-    (void)::raise(SIGSTOP);
-}
-
-// Runs mordel; when it enters its system call number `at`, it gets the signal. Its children are not
-// traced: they run on while mordel stands still, for `pause` microseconds.
-traced run_traced(const lines &words, unsigned at, int signal, unsigned pause = 0)
-{
-    remove_notes();
-    program p(command_line(words), "", {spies + ":" + plain_path, {}, be_traced});
-    int status = 0;
-    (void)::waitpid(p.pid(), &status, WUNTRACED);
-    (void)::ptrace(PTRACE_SETOPTIONS, p.pid(), nullptr, PTRACE_O_TRACESYSGOOD);
-    unsigned stops = 0;
-    int pass_on = 0;
-    for (;;) {
-        if (::ptrace(PTRACE_SYSCALL, p.pid(), nullptr, pass_on) != 0 && errno != ESRCH) break;
-        if (::waitpid(p.pid(), &status, 0) != p.pid() || !WIFSTOPPED(status)) break;
-        const int why = WSTOPSIG(status);
-        pass_on = why == (SIGTRAP | 0x80) || why == SIGTRAP ? 0 : why;
-        // Each call stops twice, when it is entered and when it ends.
-        if (why != (SIGTRAP | 0x80) || ++stops != 2 * at) continue;
-        (void)::usleep(pause);
-        (void)::kill(p.pid(), signal);
-    }
-    p.ended_with(status);
-    return {p.end(), stops / 2};
-}
 
 struct moments {
     string name, old_file, new_file, stopped, before, after;

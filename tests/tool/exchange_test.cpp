@@ -29,7 +29,7 @@ using tool::object;
 using lines = std::vector<string>;
 namespace fs = std::filesystem;
 
-constexpr unsigned pairs = 200;
+constexpr unsigned pairs = 50;
 
 // A rule as a script has it and as it is listed, behind its chain's name
 struct rule {
@@ -238,13 +238,6 @@ string counting(const rule_set &before, const rule_set &after)
 
 // ---- The proof ----------------------------------------------------------------------------------
 
-lines texts_of(const std::vector<command> &all)
-{
-    lines texts;
-    for (const command &c : all) texts.push_back(c.text);
-    return texts;
-}
-
 // "", or what is wrong
 string exchanged_and_restored(const rule_set &before, const rule_set &after)
 {
@@ -254,7 +247,7 @@ string exchanged_and_restored(const rule_set &before, const rule_set &after)
     const lines wanted = listing(after);
     if (!tool::run({"iptables-restore", "-c"}, input(before)).ok()) return "cannot be set up";
     if (tables.list(why) != old) return "is listed otherwise";
-    if (tables.tried(texts_of(lines_to_load(script(after), "q0"))) != wanted)
+    if (tables.tried(tool::texts_of(lines_to_load(script(after), "q0"))) != wanted)
         return "is tried otherwise";
     const auto exchange = lines_to_exchange(script(after), "q0", old, old, wanted);
     if (!exchange) return "nobody can tell";
@@ -266,7 +259,7 @@ string exchanged_and_restored(const rule_set &before, const rule_set &after)
         return "is\n" + text_of(is.value_or(lines())) + "behind\n" + text_of(commands);
     if (const string wrong = counting(before, after); !wrong.empty())
         return wrong + " behind\n" + text_of(commands);
-    const lines back = texts_of(tool::lines_to_restore(wanted, old));
+    const lines back = tool::texts_of(tool::lines_to_restore(wanted, old));
     if (!tables.restore(back).ok()) return "cannot be brought back by\n" + text_of(back);
     if (const auto is = tables.list(why); is != old)
         return "is not brought back but\n" + text_of(is.value_or(lines()));

@@ -32,6 +32,7 @@ journal full_journal()
     j.boot = "4a1f";
     j.until = 1234.5;
     j.saved_as = "/etc/mordel/home.toml";
+    j.policy = "root = \"htb\"\n";
     tool::journal_entry one;
     one.name = "eth0";
     one.index = 7;
@@ -53,7 +54,7 @@ journal full_journal()
 // The same, written by hand: bytes above 0x7f are the characters of their numbers.
 constexpr char full_text[] =
     R"({"version":1,"phase":"unconfirmed","boot":"4a1f","until":1234.5,)"
-    R"("saved_as":"/etc/mordel/home.toml","entries":[)"
+    R"("saved_as":"/etc/mordel/home.toml","policy":"root = \"htb\"\n","entries":[)"
     R"({"name":"eth0","index":7,"tree":[)"
     R"(["qdisc add dev eth0 root handle 1: htb default 3","root",0,"",0,false],)"
     R"(["qdisc add dev eth0 parent 1:10 handle 100: sfq perturb 10","leaf",16,"",12,true]],)"

@@ -25,8 +25,9 @@ TEST(KernelLog, GivesTheTextOfTheKernelsOwnRecords)
         {"7,1,2,c,x=y;a;b\n SUBSYSTEM=net\n DEVICE=n2\n", "a;b"},
         {"6,1,2,-;\\x1b[2J\n", "\\x1b[2J"},
         {"6,1,2,-;\33[2J", " [2J"},
-        {"12,339,5140900,-;a program\n", ""},  // facility 1
-        {"30,339,5140900,-;a daemon\n", ""},   // facility 3
+        {"6,1,2,-;eth0: renamed from lo\n", ""},  // by a trial
+        {"12,339,5140900,-;a program\n", ""},     // facility 1
+        {"30,339,5140900,-;a daemon\n", ""},      // facility 3
         {"6,339,5140900,-", ""},
         {"6", ""},
         {"", ""},

@@ -335,7 +335,7 @@ TEST_F(PowerLoss, AFullDiskLeavesTheOldJournal)
     const journal old = the_journal(journal::phase::under_way);
     const journal fresh = the_journal(journal::phase::committed);
     ASSERT_EQ("", the_file().write(fresh));
-    const std::size_t size = fs::file_size(root_ + "/journal");
+    const auto size = static_cast<std::size_t>(fs::file_size(root_ + "/journal"));
     ASSERT_EQ("", the_file().write(old));
     const auto before = std::signal(SIGXFSZ, SIG_IGN);
     rlimit room{};

@@ -80,16 +80,17 @@ TEST(Report, OfAFailure)
     EXPECT_EQ((lines{"q0: tc: no", "q0: line 7 of its start script: tc class add", "q0: a note",
                      "q0: another", "q0: back on its default qdisc, without rules"}),
               complaints(r));
-    EXPECT_EQ(R"({"name":"q0","result":"failed","tc_commands":1,"rule_commands":1,)"
-              R"("by_script":false,"commands":["tc qdisc del dev q0 root",)"
-              R"("iptables-restore: -A QOS_q0 -j MARK "],"steps":[)"
-              R"({"object":{"kind":"root"},"command":"tc qdisc del dev q0 root","line":0,)"
-              R"("why":"no htb","destructive":true},)"
-              R"({"object":{"kind":"rule","chain":"QOS_q0"},)"
-              R"("command":"iptables-restore: -A QOS_q0 -j MARK ","line":12,"why":"new",)"
-              R"("destructive":false}],"notes":["a note","another"],"error":"tc: no",)"
-              R"("failed_command":"tc class add","failed_line":7,"restored":true,"taken_back":"default qdisc"})",
-              outcome_json(r).dump());
+    EXPECT_EQ(
+        R"({"name":"q0","result":"failed","tc_commands":1,"rule_commands":1,)"
+        R"("by_script":false,"commands":["tc qdisc del dev q0 root",)"
+        R"("iptables-restore: -A QOS_q0 -j MARK "],"steps":[)"
+        R"({"object":{"kind":"root"},"command":"tc qdisc del dev q0 root","line":0,)"
+        R"("why":"no htb","destructive":true},)"
+        R"({"object":{"kind":"rule","chain":"QOS_q0"},)"
+        R"("command":"iptables-restore: -A QOS_q0 -j MARK ","line":12,"why":"new",)"
+        R"("destructive":false}],"notes":["a note","another"],"error":"tc: no",)"
+        R"("failed_command":"tc class add","failed_line":7,"restored":true,"taken_back":"default qdisc"})",
+        outcome_json(r).dump());
 }
 
 TEST(Report, SaysHowAnInterfaceCameBack)

@@ -4,7 +4,10 @@
 #include "trial.h"
 
 #include <gtest/gtest.h>
+#include <net/if.h>
 #include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -27,10 +30,20 @@ using tool::step_failure;
 using kind = object::kind;
 namespace fs = std::filesystem;
 
-bool has_network_namespaces()
+// Whether there is a network namespace, whose interface can be given a name: qemu-user passes on no
+// such request.
+bool can_try()
 {
     const pid_t child = ::fork();
-    if (child == 0) ::_exit(::unshare(CLONE_NEWNET) == 0 ? 0 : 1);
+    if (child == 0) {
+        ifreq request{};
+        (void)string("lo").copy(request.ifr_name, IFNAMSIZ - 1);
+        (void)string("q0").copy(request.ifr_newname, IFNAMSIZ - 1);
+        ::_exit(::unshare(CLONE_NEWNET) == 0 &&
+                        ::ioctl(::socket(AF_INET, SOCK_DGRAM, 0), SIOCSIFNAME, &request) == 0
+                    ? 0
+                    : 1);
+    }
     int status = 1;
     return ::waitpid(child, &status, 0) == child && status == 0;
 }
@@ -47,7 +60,7 @@ class Trial : public testing::Test {
 protected:
     void SetUp() override
     {
-        if (!has_network_namespaces()) GTEST_SKIP() << "no network namespace to try steps in";
+        if (!can_try()) GTEST_SKIP() << "no network namespace to try steps in";
         string path = testing::TempDir() + "mordel-trial-XXXXXX";
         ASSERT_NE(nullptr, ::mkdtemp(path.data()));
         folder_ = path;
