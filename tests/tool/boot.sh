@@ -132,10 +132,6 @@ lines()
 }
 lines "$units"/mordel*.service "${scripts[@]}" >called
 [ "$(wc -l <called)" = 5 ] || fault "$(wc -l <called) command lines, not 5: $(paste -sd, called)"
-"${mordel[@]}" apply --help | grep -q -- --boot || {
-    echo "boot.sh: no command line is compared: this mordel knows no --boot"
-    exit $status
-}
 while read -r command arguments; do
     "${mordel[@]}" "$command" --help >help || fault "there is no command $command"
     for word in $arguments; do

@@ -1,6 +1,6 @@
 #!/bin/sh
 # SPDX-License-Identifier: MIT
-# emulated.sh MORDEL...: stands in for the test `apply` where MORDEL runs under an emulator: those of
+# emulated.sh MORDEL...: stands in for the tests in a kernel where MORDEL runs under an emulator: those of
 # qemu-user pass on no rtnetlink message about qdiscs, so nothing can be read back. Skips once it has
 # seen that; fails where an emulator has learnt it.
 set -eu
@@ -12,5 +12,5 @@ case $said in
     exit 77
     ;;
 esac
-echo "the emulator reads qdiscs: the test apply can run here. It said: $said" >&2
+echo "the emulator reads qdiscs: the tests in a kernel can run here. It said: $said" >&2
 exit 1

@@ -37,7 +37,7 @@ synopsis()
     echo
 }
 manual_options() { sed -n "s/^mordel $1 //p" words | options; }
-manual_operands() { sed -n "s/^mordel $1 //p" words | sed 's/\[ --[^]]*]//g; s/ //g'; }
+manual_operands() { sed -n "s/^mordel $1 //p" words | sed 's/\[ --[^]]*]//g; s/ //g; /^$/d'; }
 
 # completed WORD...: what is offered for the last one
 completed()
