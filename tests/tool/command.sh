@@ -306,10 +306,13 @@ else
     stop_with 'unset PATH; exec /usr/bin/env -u PATH "$@" stop lo.toml'
     [ "$status" = 0 ] || fail "$what: status $status"
     nothing err
-    stop_with 'ulimit -n 5; exec "$@" stop lo.toml'
-    [ "$status" = 1 ] || fail "$what: status $status"
-    [ "$(cat err)" = 'mordel: lo: iptables: cannot be started: Too many open files' ] ||
-        fail "$what: another message"
+    # A sanitizer needs descriptors for itself.
+    if [ -z "${SANITIZED:-}" ]; then
+        stop_with 'ulimit -n 7; exec "$@" stop lo.toml'
+        [ "$status" = 1 ] || fail "$what: status $status"
+        [ "$(cat err)" = 'mordel: lo: iptables: cannot be started: Too many open files' ] ||
+            fail "$what: another message"
+    fi
     for killed in 'kill -KILL $$' 'exit 3'; do
         printf '#!/bin/sh\n%s\n' "$killed" >tools/iptables
         stop_with '"$@" stop lo.toml'
