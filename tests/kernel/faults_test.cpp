@@ -208,8 +208,9 @@ void limit(int what, rlim_t value)
 // Done, or failed in words with the kernel as before
 void expect_done_or_refused(const change &c, const result &r)
 {
-    EXPECT_TRUE(r.status == 0 || r.status == 1 || r.status == 127) << r.status << r.err;
-    if (r.status == 1) { EXPECT_FALSE(squeezed(r.err).empty()); }
+    // 2: not even the policy could be read
+    EXPECT_TRUE(r.status <= 2 || r.status == 127) << r.status << r.err;
+    if (r.status == 1 || r.status == 2) { EXPECT_FALSE(squeezed(r.err).empty()); }
     EXPECT_FALSE(has(r.err, "is missing")) << r.err;
     expect_as(r.status == 0 ? c.after : c.before, r.err);
     expect_nothing_left();
@@ -220,14 +221,16 @@ TEST(Fault, NoMemoryLeavesWhatRan)
 {
     const change c = prepared(many_rules());
     unsigned refused = 0;
-    for (const unsigned megabytes : {32U, 16U, 12U, 8U, 6U}) {
-        SCOPED_TRACE(std::to_string(megabytes) + " MiB");
+    const auto with = [](rlim_t room, const lines &command) {
+        return program(command, "", {plain_path, {}, [=] { limit(RLIMIT_AS, room); }}).end();
+    };
+    // Down to where the program itself finds no room.
+    for (rlim_t room = 32 << 20; with(room, {mordel_path, "--version"}).status == 0;
+         room -= room / 8) {
+        SCOPED_TRACE(room);
         remove_notes();
         // The spies need more than mordel does: here the real tools are run.
-        const result r =
-            program(command_line({"apply", c.new_file}), "",
-                    {plain_path, {}, [=] { limit(RLIMIT_AS, rlim_t{megabytes} << 20); }})
-                .end();
+        const result r = with(room, command_line({"apply", c.new_file}));
         refused += r.status != 0 ? 1U : 0U;
         expect_done_or_refused(c, r);
         if (HasFailure()) break;
